@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/thread/exceptions.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <initializer_list>
@@ -28,6 +29,8 @@ namespace fs = boost::filesystem;
 
 constexpr int k_sendTimeoutMs = 35000;
 constexpr int k_noEndpoint = -1;
+/// Hundreds of downloads at once have to fit into a 32-bit process.
+constexpr std::size_t k_downloadStackSize = std::size_t{512} << 10U;
 
 /// The length of "DeviceNotifications" and a dot.
 constexpr std::size_t k_namePrefixLength = 20;
@@ -195,11 +198,18 @@ void deletePartialDownloads() {
     }
 }
 
-/// 0 or the error number.
+/// 0 or the error number. Nothing there is as good as removed.
 int removeTemporary(const std::string& file) {
     const fs::path path(file);
-    // The downloader refused such a path and wrote nothing: what lies there is not ours.
+    struct stat status {};
+    // Where the downloader refused the path it wrote nothing: what lies there is not ours.
     if (std::find(path.begin(), path.end(), "..") != path.end()) {
+        return EINVAL;
+    }
+    if (::lstat(file.c_str(), &status) != 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    if (!S_ISREG(status.st_mode)) {
         return EINVAL;
     }
     return std::remove(file.c_str()) == 0 ? 0 : errno;
@@ -441,7 +451,15 @@ void AlarmCorvel::startDownloads(const cJSON* assets, const std::string& id) {
         if (!makeAssetsDirectory()) {
             return;
         }
-        startDownload(url, ALARMD_ASSETS_PATH + assetId);
+        try {
+            startDownload(url, ALARMD_ASSETS_PATH + assetId);
+        } catch (const boost::thread_resource_error& error) {
+            // It rings with the default sound then; not to store it would be to lose it.
+            LOGE("AlarmCorvel:onMessage:id=%s,reason=unableToStartDownload,exc=%s:", id.c_str(),
+                 error.what());
+            m_metrics.emitMetric(METRIC_ASSET_DOWNLOAD_FAILURE, 1, nullptr);
+            return;
+        }
     }
 }
 
@@ -790,7 +808,9 @@ void AlarmCorvel::startDownload(const std::string& url, const std::string& fileP
     // Built aside, so that the list never holds a download without a thread.
     std::list<Download> started(1);
     Download& download = started.front();
-    download.thread = boost::thread([this, &download, url, filePath] {
+    boost::thread::attributes attributes;
+    attributes.set_stack_size(k_downloadStackSize);
+    download.thread = boost::thread(attributes, [this, &download, url, filePath] {
         pthread_setname_np(pthread_self(), "assetDownload");
         downloadAssetFile(url, filePath);
         download.done = true;

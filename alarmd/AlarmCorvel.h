@@ -12,7 +12,6 @@
 #include <string>
 
 #include "alarmd/AlarmMetrics.h"
-#include "alarmd/Lock.h"
 #include "alarmd/platform/CorvelMessaging.h"
 #include "alarmd/platform/DeviceMetrics.h"
 #include "alarmd/platform/FileDownloader.h"

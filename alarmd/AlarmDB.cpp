@@ -806,6 +806,7 @@ bool AlarmDB::setEvent(const std::string& id, const std::string& client, const s
     // While those of a former owner are still there nothing is to ring, so nothing can be set.
     if (m_allAreUndeleted || !writeToDB(event)) {
         LOGE("AlarmDB:setEventFailed:reason=UnableToSetEvent,id=%s:", id.c_str());
+        distrustSlots();
         return false;
     }
     m_passedOver.erase(id);
@@ -822,6 +823,10 @@ bool AlarmDB::setEvent(const std::string& id, const std::string& client, const s
         }
         if (isOfType || holdsId) {
             reload(slot);
+        }
+        // It has been written, so it rings, also where a damaged file does not give it back.
+        if (isOfType && !isEmpty(event) && event.getTime() < slot.event.getTime()) {
+            slot.event = event;
         }
     }
     if (!typeIsKnown) {
@@ -885,6 +890,13 @@ void AlarmDB::reloadStaleSlots() {
         if (m_staleTypes.count(slot.type) != 0 && !reload(slot)) {
             return;
         }
+    }
+}
+
+/// After a write that failed: the last step may be what failed, and then it has been done.
+void AlarmDB::distrustSlots() {
+    for (const Slot& slot : slots()) {
+        m_staleTypes.insert(slot.type);
     }
 }
 
@@ -985,6 +997,7 @@ bool AlarmDB::removeEvent(const TimedEvent& event, const std::string& id, bool h
         if (emitDeleteMetrics(event, false, toSeconds(now()))) {
             m_metrics.emitErrorMetric(METRIC_DELETE_METRIC_FAILURE);
         }
+        distrustSlots();
         if (hasEnded) {
             passOver({id});
             wasPlaying = releaseEvents({id});
@@ -1006,6 +1019,7 @@ bool AlarmDB::deleteNotifications(const std::set<std::string>& ids, bool& wasPla
     std::string error;
     if (deleteRows(ids, error) != SQL_OK) {
         LOGE("AlarmDB:DeleteAllNotificationsFailed:dbError=%s:", error.c_str());
+        distrustSlots();
         const std::string ringing = m_current->getId();
         if (rings(*m_current) && ids.count(ringing) != 0) {
             passOver({ringing});
@@ -1134,6 +1148,12 @@ void AlarmDB::moveExpiredEventsForLaterStopNotice(bool retain) {
 }
 
 // --- Stop notices that could not be sent ---
+
+bool AlarmDB::isSet(const std::string& id) {
+    Lock lock(m_mutex);
+    const std::optional<TimedEvent> stored = findAlert(id);
+    return stored && !isEmpty(*stored) && !hasEnded(*stored);
+}
 
 bool AlarmDB::retainEventForLaterStopNotice(const std::string& id, const std::string& client) {
     LOGD("AlarmDB:retainEventForLaterStopNotice:table=%s:writing retained event to DB",

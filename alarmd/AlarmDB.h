@@ -157,6 +157,10 @@ class AlarmDB {
 
     // --- Stop notices that could not be sent ---
 
+    /// Whether a notification that has not ended is stored under the id: the cloud would take that
+    /// one for stopped. False when it cannot be read.
+    bool isSet(const std::string& id) EXCLUDES(m_mutex);
+
     /// Keeps one notice; a second one of the same id replaces the first.
     [[nodiscard]] bool retainEventForLaterStopNotice(const std::string& id,
                                                      const std::string& client);
@@ -227,6 +231,8 @@ class AlarmDB {
     bool isWaiting(const std::string& id, TimePoint time) const REQUIRES(m_mutex);
     bool reload(const Slot& slot) REQUIRES(m_mutex);
     void reloadStaleSlots() REQUIRES(m_mutex);
+    /// Has all slots read again before the next choice.
+    void distrustSlots() REQUIRES(m_mutex);
     /// Makes the next getNextEvent choose afresh, unless one rings.
     void reopenChoice() REQUIRES(m_mutex);
     /// Reloads the slots that hold one of the ids, which are gone; true when one of them rang.
@@ -254,7 +260,7 @@ class AlarmDB {
     TimedEvent m_alarm GUARDED_BY(m_mutex);
     TimedEvent m_nullEvent GUARDED_BY(m_mutex);
     TimedEvent* m_current GUARDED_BY(m_mutex);  ///< a slot, or the null event
-    /// The types whose slot could not be read when it last changed.
+    /// The types whose slot could not be read when it last changed, or may have changed.
     std::set<std::string> m_staleTypes GUARDED_BY(m_mutex);
     /// Ended, but the row was still there afterwards: not chosen again until it is set anew.
     std::set<std::string> m_passedOver GUARDED_BY(m_mutex);

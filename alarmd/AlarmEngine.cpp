@@ -1,6 +1,7 @@
 #include "alarmd/AlarmEngine.h"
 
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -393,6 +394,8 @@ bool AlarmEngine::stillRings(const TimedEvent& ringing) {
 
 void AlarmEngine::timeThread() {
     pthread_setname_np(pthread_self(), "alarm-timer");
+    // Wake-ups are not to be gathered with others: one that waits for a ring is worth its own.
+    prctl(PR_SET_TIMERSLACK, 1UL);
     LOGI("AlarmEngine:timeThread::timer thread begins");
     // A ring at an unknown time would be a wrong ring, so even the end of the daemon waits for the
     // clock.
@@ -498,7 +501,7 @@ void AlarmEngine::ring(const Selection& selection, const TimedEvent& ringing) {
     clearDimensions(m_metricMetadata);
     const TimePoint rangAt = now();
     const boost::chrono::duration<double> lateness = rangAt - ringing.getTime();
-    const bool online = isConnected();
+    const bool online = m_connectionState != 0;
     // Behind its stop notice a start notice would let the cloud believe that it rings on.
     if (online && stillRings(ringing)) {
         m_corvel.sendTimedEventStartNotice(selection.id, selection.client,
@@ -600,8 +603,7 @@ int AlarmEngine::acknowledgeEvent(OipcHandleStruct*, const char*, const char*, v
         engine.resetTimerThread();
         engine.broadcastDeleteTimedEvents(ended.getId());
         if (engine.isConnected()) {
-            engine.m_corvel.sendTimedEventStopNotice(ended.getId(), ended.getClient(),
-                                                     MessageContext());
+            engine.sendStopNotice(ended.getId(), ended.getClient());
         } else {
             engine.retainEventForLater(ended.getId(), ended.getClient(), ended.getTime());
         }
@@ -915,8 +917,8 @@ void AlarmEngine::sendAnyRetainedEvents() {
     }
     while (isRead && isConnected()) {
         sendStopNotices(unsent);
-        if (!corvelClient()) {
-            break;  // released meanwhile: nothing tells which of them went out
+        if (!canSend()) {
+            break;  // the end or a lost bus came between: nothing tells which of them went out
         }
         // Retaining went on meanwhile: what came in between is sent too before all are deleted.
         Lock lock(m_stopNoticeMutex);
@@ -943,6 +945,14 @@ void AlarmEngine::sendStopNotices(const AlarmDB::StopNotices& notices) {
         }
     }
     for (const auto& [id, client] : notices) {
+        sendStopNotice(id, client);
+    }
+}
+
+void AlarmEngine::sendStopNotice(const std::string& id, const std::string& client) {
+    // A directive may have set it while this notice waited: behind its answer the cloud would take
+    // the new one for stopped.
+    if (!m_db.isSet(id)) {
         m_corvel.sendTimedEventStopNotice(id, client, MessageContext());
     }
 }

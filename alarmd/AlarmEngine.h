@@ -170,12 +170,16 @@ class AlarmEngine {
     void retainedEventThread();
     void sendAnyRetainedEvents();
     void sendStopNotices(const AlarmDB::StopNotices& notices) EXCLUDES(m_stopNoticeMutex);
+    /// Tells the cloud of one that has ended, unless it was set anew. Stop-notice thread and
+    /// property thread.
+    void sendStopNotice(const std::string& id, const std::string& client);
     /// The saved notices that were not sent in this run; false when they could not be read.
     [[nodiscard]] bool readUnsentNotices(AlarmDB::StopNotices& unsent) REQUIRES(m_stopNoticeMutex);
 
-    /// Whether what is sent now can arrive: the assistant is connected and the endpoint not
-    /// released. Any thread.
-    bool isConnected() { return m_connectionState != 0 && corvelClient() != nullptr; }
+    /// Whether what is sent now can leave: the endpoint is not released and the bus is there; and
+    /// whether it can arrive: the assistant is connected too. Any thread.
+    bool canSend() { return corvelClient() != nullptr && OipcIsOnBus(m_oipcHandle); }
+    bool isConnected() { return m_connectionState != 0 && canSend(); }
 
     // --- Bus callbacks; `data` is the engine ---
     static int getAllAlerts(OipcHandleStruct* handle, const char* property, char* buffer,

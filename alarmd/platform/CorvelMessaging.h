@@ -124,6 +124,12 @@ class QueueFull : public std::runtime_error {
     QueueFull() : std::runtime_error("The message queue is full.") {}
 };
 
+/// Leaves a threaded handler that is finishing: the sender is told that the message was not taken.
+class QueueClosed : public std::runtime_error {
+  public:
+    QueueClosed() : std::runtime_error("The message queue is closed.") {}
+};
+
 /// The queue of a threaded handler and its one worker thread. Operations may be called from any
 /// thread but the worker; the complaints are std::logic_error.
 class WorkQueue {
@@ -135,7 +141,7 @@ class WorkQueue {
     virtual void start() = 0;
 
     /// Asks the worker to end once it has handled all that is queued at this moment; later messages
-    /// are dropped. Throws "WorkQueue::requestFinish(): Not started." or
+    /// are refused. Throws "WorkQueue::requestFinish(): Not started." or
     /// "WorkQueue::requestFinish(): Finish already requested.".
     virtual void requestFinish() = 0;
 
@@ -153,7 +159,7 @@ class CorvelMessageHandlerThreaded : public CorvelMessageHandler {
     explicit CorvelMessageHandlerThreaded(CorvelMessageHandler& handler);
     ~CorvelMessageHandlerThreaded() override;
 
-    /// Throws QueueFull.
+    /// Throws QueueFull, and QueueClosed once the finish is requested.
     void onMessage(boost::shared_ptr<Message> message) override;
     void onMessageWithAttachment(boost::shared_ptr<Message> message,
                                  boost::shared_ptr<CorvelMessageAttachmentReader> reader) override;
@@ -173,8 +179,9 @@ class CorvelMessagingEndpoint {
     /// The assistant daemon on the device, "com.quintel.corveld".
     static const std::string k_corveldName;
 
-    /// Nothing happens until init(). `handler` must outlive this object; it is called on the bus's
-    /// own delivery thread and must not wait: give a CorvelMessageHandlerThreaded.
+    /// Nothing happens until init(). `handler` must outlive this object. It is called on the bus's
+    /// own delivery thread under the library's lock, so it may only queue: give a
+    /// CorvelMessageHandlerThreaded. An exception that leaves it is the sender's error.
     CorvelMessagingEndpoint(const std::string& name, CorvelMessageHandler& handler);
 
     /// Takes the endpoint away from the bus and waits for a delivery that runs.
@@ -182,8 +189,9 @@ class CorvelMessagingEndpoint {
     CorvelMessagingEndpoint(const CorvelMessagingEndpoint&) = delete;
     CorvelMessagingEndpoint& operator=(const CorvelMessagingEndpoint&) = delete;
 
-    /// Takes the name on the bus; from now on messages are delivered. 0, or a non-zero status when
-    /// the bus is away or the name is taken.
+    /// Takes the name on the bus; from now on messages are delivered, and again after a lost bus.
+    /// Waits 4 s at most. 0, or a non-zero status when the bus is away or the name is taken (by
+    /// this object too).
     [[nodiscard]] virtual int init();
 
     /// Delivers a message to the endpoint `destination` and waits for the answer, `timeoutMs`

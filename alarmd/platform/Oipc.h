@@ -48,11 +48,14 @@ using OipcStringSetter = int (*)(OipcHandleStruct* handle, const char* property,
 using OipcEventHandler = void (*)(OipcHandleStruct* handle, const char* eventName,
                                   OipcEventHandleStruct* event, void* data);
 
-/// Connects (when this is the first service of the process) and takes the service's name; never
-/// waits for another owner of the name to let it go. The handle is never null, but is of use only
-/// when
-/// `*status` is 0: non-zero means that the bus cannot be reached or the name is taken.
+/// Connects, when this is the first service of the process, and takes the service's name; waits 2 s
+/// at most for each, and never for another owner of the name to let it go. The handle is never
+/// null, but is of use only when `*status` is 0: non-zero means that the bus cannot be reached or
+/// does not answer, or that the name is taken.
 OipcHandleStruct* OipcOpenEx(const char* service, int* status);
+
+/// Whether the bus is there at this moment. Never waits.
+bool OipcIsOnBus(OipcHandleStruct* handle);
 
 /// A readable text for any status; never null, owned by the library.
 const char* OipcGetErrorString(int status);
@@ -65,7 +68,7 @@ const char* OipcGetErrorString(int status);
 
 /// Calls `handler` with `data` for each event `event` that `service` sends from now on. The service
 /// need not be there yet. A signal of a process that does not own the service's name at that moment
-/// is no event of the service.
+/// is no event of the service. One round trip, waiting 2 s at most.
 [[nodiscard]] int OipcSubscribeExt(OipcHandleStruct* handle, const char* service, const char* event,
                                    OipcEventHandler handler, void* data);
 
@@ -134,7 +137,8 @@ class OipcString : public OipcStringBase {
                Getter getter, Setter setter, bool flag);
     ~OipcString() override;
 
-    /// False when the property could not be added (no open service, or the name is in use).
+    /// False when the property could not be added (no open service, an invalid name, or
+    /// one that is in use).
     bool isValid() const;
 
     bool set(const std::string& value, const std::string& reserved) override;

@@ -110,6 +110,20 @@ int statusOfNameReply(GDBusMessage* reply) {
                                                                 : int{STATUS_NAME_TAKEN};
 }
 
+/// GDBus sees to it that the fields of the header are there, not that they have their types.
+bool hasReadableHeader(GDBusMessage* message) {
+    const int type = g_dbus_message_get_message_type(message);  // which may be none of the enum
+    const bool isSignal = type == G_DBUS_MESSAGE_TYPE_SIGNAL;
+    if (!isSignal && type != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        return true;
+    }
+    return g_dbus_message_get_path(message) != nullptr
+           && g_dbus_message_get_member(message) != nullptr
+           && (!isSignal
+               || (g_dbus_message_get_interface(message) != nullptr
+                   && g_dbus_message_get_sender(message) != nullptr));
+}
+
 }  // namespace
 
 bool isServiceName(const std::string& name) {
@@ -198,7 +212,7 @@ Bus& Bus::instance() {
     return *bus;
 }
 
-Bus::Bus() : m_context(g_main_context_new()) {
+Bus::Bus() : m_context(g_main_context_new()), m_connecting(g_cancellable_new()) {
     startThread("oipc-events", [this] { runWorker(m_events); }).detach();
     startThread("oipc-props", [this] { runWorker(m_properties); }).detach();
     startThread("oipc-link", [this] { runLink(); }).detach();
@@ -311,6 +325,7 @@ bool Bus::isWhole() const {
 /// One attempt. Link thread: the connection tells the context of the thread that made it when it is
 /// gone.
 void Bus::connect(Guard& lock) {
+    g_cancellable_reset(m_connecting);
     lock.unlock();
     GDBusConnection* connection = nullptr;
     if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr)) {
@@ -318,7 +333,7 @@ void Bus::connect(Guard& lock) {
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
                                               | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
         connection =
-            g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr);
+            g_dbus_connection_new_for_address_sync(address, flags, nullptr, m_connecting, nullptr);
         g_free(address);
     }
     if (connection != nullptr) {
@@ -386,8 +401,12 @@ int Bus::open(const std::string& name, Served& served) {
     if (m_connection == nullptr && m_objects.empty()) {
         m_connectAsked = true;
         g_main_context_wakeup(m_context);
+        const auto connectDeadline = std::chrono::steady_clock::now() + k_busLimit;
         while (m_connectAsked) {
-            m_changed.wait(lock);
+            if (m_changed.wait_until(lock, connectDeadline) == std::cv_status::timeout) {
+                g_cancellable_cancel(m_connecting);  // a bus that hangs; the attempt ends at once
+                m_changed.wait(lock, [this] { return !m_connectAsked; });
+            }
         }
     }
     // Served before the name is taken: whoever waits for the name may call at once.
@@ -437,6 +456,7 @@ void Bus::requestName(const std::string& name) {
             for (Served* served : object.served) {
                 served->onNameTaken();
             }
+            g_main_context_wakeup(m_context);  // a bus that is lost again is a new loss
         }
     };
     const MessagePtr message =
@@ -472,6 +492,10 @@ std::string Bus::introspect(const std::string& path) const {
 }
 
 // --- Messages out ---
+
+bool Bus::isConnected(const Guard& /*lock*/) const {
+    return m_connection != nullptr && !g_dbus_connection_is_closed(m_connection.get());
+}
 
 /// Queues a message; 0 when it cannot leave, else its serial.
 guint32 Bus::send(GDBusMessage* message) {
@@ -600,6 +624,10 @@ GDBusMessage* Bus::filter(GDBusConnection* connection, GDBusMessage* message, gb
     if (!incoming) {
         return message;
     }
+    if (!hasReadableHeader(message)) {
+        g_object_unref(message);
+        return nullptr;
+    }
     Bus* bus = static_cast<Bus*>(self);
     switch (g_dbus_message_get_message_type(message)) {
         case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
@@ -662,11 +690,12 @@ void Bus::onCall(const Call& call) {
 
 void Bus::onSignal(const MessagePtr& message) {
     GDBusMessage* const signal = message.get();
-    const std::string sender = g_dbus_message_get_sender(signal);  // filled in by every bus
+    const std::string sender = g_dbus_message_get_sender(signal);
     const char* const member = g_dbus_message_get_member(signal);
     Guard lock(m_mutex);
     if (sender == k_bus) {
-        if (std::strcmp(member, "NameOwnerChanged") == 0) {
+        if (std::strcmp(member, "NameOwnerChanged") == 0
+            && std::strcmp(g_dbus_message_get_signature(signal), "sss") == 0) {
             const char* name = nullptr;
             const char* owner = nullptr;
             g_variant_get(g_dbus_message_get_body(signal), "(&s&s&s)", &name, nullptr, &owner);

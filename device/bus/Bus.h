@@ -28,6 +28,8 @@
 #include <utility>
 #include <vector>
 
+#include "alarmd/platform/Oipc.h"
+
 namespace device {
 
 /// The statuses besides those of OipcResult.
@@ -152,6 +154,9 @@ class Bus {
     /// One name can carry several interfaces. When it fails nothing is left that tries again.
     [[nodiscard]] int open(const std::string& name, Served& served);
 
+    /// Whether messages can leave at this moment.
+    bool isConnected(const Guard& lock) const;
+
     /// Takes the object off the bus and waits for its callbacks that run.
     void close(const std::string& name, Served& served);
 
@@ -228,6 +233,7 @@ class Bus {
     std::mutex m_mutex;                 ///< the library's lock: guards all below
     std::condition_variable m_changed;  ///< a request was answered, a callback has ended
     GMainContext* const m_context;      ///< of the link thread
+    GCancellable* const m_connecting;   ///< ends an attempt to connect
     ConnectionPtr m_connection;         ///< empty while the bus is away
     bool m_connectAsked = false;        ///< open() waits for one attempt of the link thread
     std::map<std::string, Object> m_objects;

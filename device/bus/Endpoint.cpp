@@ -96,7 +96,7 @@ std::string CorvelMessagingEndpoint::Impl::describe() const {
  </interface>)";
 }
 
-bool CorvelMessagingEndpoint::Impl::take(const Call& call, Guard& lock) {
+bool CorvelMessagingEndpoint::Impl::take(const Call& call, Guard& /*lock*/) {
     if (!call.is(k_interface, k_deliver)) {
         if (std::strcmp(call.interface(), k_interface) != 0) {
             return false;
@@ -108,21 +108,15 @@ bool CorvelMessagingEndpoint::Impl::take(const Call& call, Guard& lock) {
         call.fail(device::ERROR_INVALID_ARGS, "The arguments have other types.");
         return true;
     }
-    const boost::shared_ptr<Message> message = toMessage(call.arguments());
-    bool isFull = false;
-    const bool returned = Bus::instance().runCallback(lock, this, [&] {
-        try {
-            handOver(handler, message);
-        } catch (const QueueFull&) {
-            isFull = true;
-        }
-    });
-    if (isFull) {
-        call.fail(device::ERROR_LIMITS_EXCEEDED, QueueFull().what());
-    } else if (!returned) {
-        call.fail(device::ERROR_FAILED, "The message could not be taken.");
-    } else {
+    // Under the lock, which whatever the message leads to has to wait for: so the answer leaves
+    // first.
+    try {
+        handOver(handler, toMessage(call.arguments()));
         call.reply();
+    } catch (const QueueFull& e) {
+        call.fail(device::ERROR_LIMITS_EXCEEDED, e.what());
+    } catch (const std::exception& e) {
+        call.fail(device::ERROR_FAILED, e.what());
     }
     return true;
 }

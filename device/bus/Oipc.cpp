@@ -102,7 +102,7 @@ int OipcHandleStruct::open() {
     const int status = Bus::instance().open(m_service, *this);
     const Guard lock = Bus::instance().lock();
     m_isOpen = m_isOpen || status == OIPC_SUCCESS;
-    return status;
+    return m_isOpen ? int{OIPC_SUCCESS} : status;  // another thread may have opened it meanwhile
 }
 
 int OipcHandleStruct::openStatus() const {
@@ -397,6 +397,11 @@ OipcHandleStruct* OipcOpenEx(const char* service, int* status) {
     OipcHandleStruct* handle = OipcHandleStruct::find(orEmpty(service));
     *status = handle->open();
     return handle;
+}
+
+bool OipcIsOnBus(OipcHandleStruct* /*handle*/) {
+    const Guard lock = Bus::instance().lock();
+    return Bus::instance().isConnected(lock);
 }
 
 const char* OipcGetErrorString(int status) {

@@ -21,12 +21,14 @@ std::thread startThread(const char* name, Body body) {
         sigdelset(&blocked, fault);
     }
     pthread_sigmask(SIG_SETMASK, &blocked, &before);
-    std::thread thread([name, run = std::move(body)]() mutable {
+    const struct Restore {
+        const sigset_t& mask;
+        ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+    } restore{before};
+    return std::thread([name, run = std::move(body)]() mutable {
         pthread_setname_np(pthread_self(), name);
         run();
     });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
 }
 
 }  // namespace device

@@ -70,7 +70,7 @@ CorvelMessageHandlerThreaded::Impl::~Impl() {
 void CorvelMessageHandlerThreaded::Impl::queue(Work work) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_state == State::Finishing) {
-        return;
+        throw QueueClosed();
     }
     if (m_waiting.size() == k_queueLimit) {
         throw QueueFull();

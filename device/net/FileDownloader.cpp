@@ -213,15 +213,15 @@ struct FileDownloader::Impl {
     std::set<Transfer*> running;
 };
 
-FileDownloader::FileDownloader() : m_impl(std::make_unique<Impl>()) {
-    // Once for the process, whichever thread is first; a failure shows in each transfer.
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
-    static_cast<void>(initialised);
-}
+FileDownloader::FileDownloader() : m_impl(std::make_unique<Impl>()) {}
 
 FileDownloader::~FileDownloader() = default;
 
 FileDownloaderError FileDownloader::download(const std::string& url, const std::string& path) {
+    // Once for the process, whichever thread is first; a failure shows in each transfer. Not before
+    // the first download: most daemons never make one, and it costs more memory than all the rest.
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    static_cast<void>(initialised);
     if (hasParentComponent(path)) {
         return {CURLE_WRITE_ERROR, "The path has a \"..\" component"};
     }

@@ -268,7 +268,7 @@ int SqliteUtil::Impl::open(const std::string& path, bool create) {
         // EXTRA makes writes durable in either.
         run("PRAGMA journal_mode = PERSIST");
         for (const char* sql : {"PRAGMA synchronous = EXTRA", "PRAGMA journal_size_limit = 65536",
-                                "PRAGMA temp_store = MEMORY",
+                                "PRAGMA cache_size = -512", "PRAGMA temp_store = MEMORY",
                                 "CREATE TEMP TABLE wanted (value PRIMARY KEY) WITHOUT ROWID"}) {
             status = status == SQLITE_OK ? run(sql) : status;
         }

@@ -26,17 +26,19 @@ inline int waitFor(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-/// Waits until a process catches SIGINT and SIGTERM: before that they would simply kill it.
-inline void awaitHandlers(pid_t pid) {
+/// Whether a process catches SIGINT and SIGTERM: before that they simply kill it.
+inline bool catchesSignals(pid_t pid) {
     constexpr unsigned long long both = 1ULL << (SIGINT - 1) | 1ULL << (SIGTERM - 1);
-    EXPECT_TRUE(await([&] {
-        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-        std::string word;
-        while (status >> word && word != "SigCgt:") {
-        }
-        status >> word;
-        return (std::strtoull(word.c_str(), nullptr, 16) & both) == both;
-    }));
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string word;
+    while (status >> word && word != "SigCgt:") {
+    }
+    status >> word;
+    return (std::strtoull(word.c_str(), nullptr, 16) & both) == both;
+}
+
+inline void awaitHandlers(pid_t pid) {
+    EXPECT_TRUE(await([&] { return catchesSignals(pid); }));
 }
 
 /// Runs a program with its standard output in a pipe. The child dies with the test.

@@ -387,7 +387,7 @@ TEST_F(BusTest, MessagesAreQueuedInOrderUpToTheLimit) {
     EXPECT_THROW(queue.waitFinish(), std::logic_error);
     queue.requestFinish();
     EXPECT_THROW(queue.requestFinish(), std::logic_error);
-    EXPECT_EQ(other.deliver(k_service, "dropped"), "()");
+    EXPECT_EQ(other.deliver(k_service, "late"), "Failed");
     queue.waitFinish();
     EXPECT_EQ(callbacks.timeline.takeAll(), expected);
     log->timeline.take("", "E CorvelMessaging:onMessage:reason=exception,exc=thrown:");

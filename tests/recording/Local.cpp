@@ -20,7 +20,6 @@ using recording::Table;
 
 struct SqliteUtil::Impl {
     std::string file;
-    int userVersion = 0;
 
     int call(const std::string& text, const std::string& table, std::string& error,
              const std::function<void(Table&)>& body) const {
@@ -121,13 +120,13 @@ int SqliteUtil::addColumns(const std::string& table, const std::vector<std::stri
 }
 
 int SqliteUtil::userVersion(int& version, std::string&) {
-    version = m_impl->userVersion;
-    return 0;
+    return platform().record("user-version",
+                             [&](State& state) { version = state.userVersions[m_impl->file]; });
 }
 
 int SqliteUtil::setUserVersion(int version, std::string&) {
-    m_impl->userVersion = version;
-    return 0;
+    return platform().record("set-user-version",
+                             [&](State& state) { state.userVersions[m_impl->file] = version; });
 }
 
 std::set<std::string> SqliteUtil::columnNames(const std::string& table, std::string& error) {

@@ -54,6 +54,7 @@ void Platform::reset() {
     m_calls.clear();
     m_failures.clear();
     m_actions.clear();
+    m_listener = {};
     m_state = State();
 }
 
@@ -78,10 +79,10 @@ bool Platform::waitUntil(const std::function<bool()>& condition) {
         lock.unlock();
         const bool holds = condition();
         lock.lock();
-        const auto hasNews = [&] { return m_calls.size() != seen; };
-        if (holds || !m_changed.wait_until(lock, deadline, hasNews)) {
+        if (holds || std::chrono::steady_clock::now() > deadline) {
             return holds;
         }
+        m_changed.wait_until(lock, deadline, [&] { return m_calls.size() != seen; });
     }
 }
 
@@ -103,20 +104,30 @@ void Platform::during(const std::string& call, std::function<void()> action) {
     m_actions.emplace_back(call, std::move(action));
 }
 
+void Platform::listen(std::function<void(const std::string& call)> listener) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_listener = std::move(listener);
+}
+
 int Platform::record(const std::string& call, const std::function<void(State&)>& effect) {
     std::function<void()> action = [] {};
+    std::function<void(const std::string&)> listener;
     int code = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_calls.push_back(call);
         take(m_failures, call, code);
         take(m_actions, call, action);
+        listener = m_listener;
         if (code == 0 && effect) {
             effect(m_state);
         }
         m_changed.notify_all();
     }
     action();
+    if (listener) {
+        listener(call);
+    }
     return code;
 }
 

@@ -35,6 +35,7 @@ struct State {
     std::map<std::string, std::string> published;  ///< by property
     std::map<std::string, Callback> callbacks;     ///< by property, or by "service event"
     std::map<std::string, std::map<std::string, Table>> files;
+    std::map<std::string, int> userVersions;  ///< by file
     CorvelMessaging::CorvelMessageHandler* handler = nullptr;
 };
 
@@ -56,6 +57,8 @@ class Platform {
     void fail(const std::string& call, int times = 1, int code = 1);
     /// Runs `action` inside the next such call, on the thread that makes it.
     void during(const std::string& call, std::function<void()> action);
+    /// Tells `listener` of every call from now on, on the thread that makes it; {} ends that.
+    void listen(std::function<void(const std::string& call)> listener);
 
     /// Sends an event with one argument, or none, to whoever subscribed to "service event".
     void emit(const std::string& source, const char* argument);
@@ -77,6 +80,7 @@ class Platform {
     std::vector<std::string> m_calls;
     std::vector<std::pair<std::string, int>> m_failures;
     std::vector<std::pair<std::string, std::function<void()>>> m_actions;
+    std::function<void(const std::string&)> m_listener;
     State m_state;
 };
 

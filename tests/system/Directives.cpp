@@ -51,6 +51,7 @@ TEST_F(System, ListsMoreThanFitsTheFirstBuffer) {
 
 TEST_F(System, ChangesTheRingingOne) {
     start();
+    peer.timeline.take("NotificationIndicator.stateChanged");
     const std::time_t past = std::time(nullptr) - 5;
     const std::string stopped =
         R"(NotificationStoppedEvent {"notificationId":"a1","clientId":"c1"})";
@@ -77,8 +78,10 @@ TEST_F(System, ChangesTheRingingOne) {
 
 TEST_F(System, HearsOfRefreshAndAlertType) {
     start();
+    peer.timeline.take("NotificationIndicator.stateChanged");
     set("t1", "TIMER", std::time(nullptr) - 5);
     rings("TIMER");
+    peer.timeline.take("NotificationStartedEvent");
     const std::string active =
         R"(,"activeNotifications":[{"notificationId":"t1","notificationType":"TIMER",)"
         R"("clientId":"c1"}]})";

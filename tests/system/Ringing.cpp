@@ -24,7 +24,7 @@ std::string deleted(const std::string& id) {
 
 TEST_F(System, SetRingAcknowledge) {
     start();
-    peer.timeline.takeAll();
+    peer.timeline.take("NotificationIndicator.stateChanged");
     const std::time_t due = std::time(nullptr) + 3;
     const std::string row = "t1|c1|TIMER|" + utc(due) + "|system_alerts_melodic_02|0||-1||2";
     ASSERT_EQ(peer.deliver("SetNotification", setBody("t1", "TIMER", due), 7), "");

