@@ -29,8 +29,9 @@ namespace fs = boost::filesystem;
 
 constexpr int k_sendTimeoutMs = 35000;
 constexpr int k_noEndpoint = -1;
-/// Hundreds of downloads at once have to fit into a 32-bit process.
+/// All downloads at once have to fit into a 32-bit process beside everything else.
 constexpr std::size_t k_downloadStackSize = std::size_t{512} << 10U;
+constexpr std::size_t k_mostDownloads = 512;
 
 /// The length of "DeviceNotifications" and a dot.
 constexpr std::size_t k_namePrefixLength = 20;
@@ -805,6 +806,9 @@ void AlarmCorvel::startDownload(const std::string& url, const std::string& fileP
         download.thread.join();
         return true;
     });
+    if (m_downloads.size() >= k_mostDownloads) {
+        boost::throw_exception(boost::thread_resource_error(EAGAIN, "too many downloads"));
+    }
     // Built aside, so that the list never holds a download without a thread.
     std::list<Download> started(1);
     Download& download = started.front();

@@ -100,6 +100,16 @@ void removeAssets(const TimedEvent& event) {
     }
 }
 
+void logSavingNotice() {
+    LOGD("AlarmDB:retainEventForLaterStopNotice:table=%s:writing retained event to DB",
+         AlarmDB::k_retainedEvtTable.c_str());
+}
+
+void logUnsavedNotice(const std::string& error, const std::string& id, const std::string& client) {
+    LOGE("AlarmDB:retainEventForLaterStopNoticeFailed:dbError=%s,id=%s,client=%s:", error.c_str(),
+         id.c_str(), client.c_str());
+}
+
 // --- Metric dimensions; the table borrows both texts, and may be null ---
 
 void clearDimensions(GHashTable* table) {
@@ -161,6 +171,11 @@ struct DeleteJson {
 };
 using Json = std::unique_ptr<cJSON, DeleteJson>;
 
+struct FreeText {
+    void operator()(char* text) const { cJSON_free(text); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+
 Json makeItem(std::initializer_list<Member> members) {
     Json item(cJSON_CreateObject());
     for (const Member& member : members) {
@@ -173,6 +188,9 @@ Json makeItem(std::initializer_list<Member> members) {
 
 /// A document under construction: an object that ends with an array of notifications. The first
 /// failure is logged and drops the whole; what follows does nothing, and printing fails.
+///
+/// Each notification is printed when it is added, so that a hundred thousand take the memory of
+/// their text and not that of a tree.
 class Document {
   public:
     /// The document of a set of notifications.
@@ -203,20 +221,20 @@ class Document {
             m_root.reset();
             return;
         }
-        cJSON_AddItemToArray(m_array, item.release());
+        const Text text = print(item);
+        if (text != nullptr) {
+            m_items.append(m_items.empty() ? "" : ",").append(text.get());
+        }
     }
 
-    bool print(std::string& json) const {
-        if (m_root == nullptr) {
-            return false;
-        }
-        const std::unique_ptr<char, decltype(&cJSON_free)> text(
-            cJSON_PrintUnformatted(m_root.get()), &cJSON_free);
+    bool print(std::string& json) {
+        const Text text = m_root == nullptr ? Text() : print(m_root);
         if (text == nullptr) {
-            logPrintFailure();
             return false;
         }
+        constexpr std::size_t END = sizeof "]}" - 1;
         json = text.get();
+        json.insert(json.size() - END, m_items);
         return true;
     }
 
@@ -234,11 +252,20 @@ class Document {
         if (m_root == nullptr) {
             return;
         }
-        m_array = cJSON_AddArrayToObject(m_root.get(), key);
-        if (m_array == nullptr) {
+        if (cJSON_AddArrayToObject(m_root.get(), key) == nullptr) {
             LOGE("AlarmDB:%s:reason=%s:timers json not created", m_log.operation, m_log.reason);
             m_root.reset();
         }
+    }
+
+    /// Null, logged, when it cannot be printed; the document is dropped then.
+    Text print(const Json& json) {
+        Text text(cJSON_PrintUnformatted(json.get()));
+        if (text == nullptr) {
+            logPrintFailure();
+            m_root.reset();
+        }
+        return text;
     }
 
     void logStartFailure() const {
@@ -258,8 +285,8 @@ class Document {
     }
 
     DocumentLog m_log;
-    Json m_root;
-    cJSON* m_array = nullptr;
+    Json m_root;          ///< all but the notifications
+    std::string m_items;  ///< these
 };
 
 void addStateItem(Document& document, const std::string& id, const std::string& type,
@@ -496,6 +523,39 @@ TimePoint AlarmDB::max_time() {
 
 // --- Rows ---
 
+/// Rows put aside in one piece of memory, at little more than their bytes.
+class AlarmDB::PackedRows {
+  public:
+    void add(const SqliteUtil::Row& row) {
+        m_columns = row.size();
+        for (const std::string& value : row) {
+            m_text += value;
+            m_ends.push_back(m_text.size());
+        }
+    }
+
+    void forEach(const SqliteUtil::Visitor& visit) const {
+        SqliteUtil::Row row(m_columns);
+        std::size_t begin = 0;
+        std::size_t column = 0;
+        for (const std::size_t end : m_ends) {
+            row[column].assign(m_text, begin, end - begin);
+            begin = end;
+            if (++column == m_columns) {
+                column = 0;
+                visit(row);
+            }
+        }
+    }
+
+    bool isEmpty() const { return m_ends.empty(); }
+
+  private:
+    std::size_t m_columns = 0;
+    std::string m_text;
+    std::vector<std::size_t> m_ends;
+};
+
 bool AlarmDB::writeToDB(const TimedEvent& event) {
     LOGI("AlarmDB:writeDB:id=%s,client=%s,type=%s,time=%s getAssetPlayOrder=%s, getLoopCount=%d:",
          event.getId().c_str(), event.getClient().c_str(), event.getType().c_str(),
@@ -531,7 +591,7 @@ bool AlarmDB::writeToDB(const TimedEvent& event) {
     return true;
 }
 
-TimedEvent AlarmDB::convertToTimedEvent(const SqliteUtil::Row& row) {
+TimedEvent AlarmDB::convertToTimedEvent(const SqliteUtil::Row& row, AlertSounds* sounds) {
     const int columns = static_cast<int>(row.size());
     if (columns != k_numOfAlarmColumns) {
         LOGE("AlarmDB:convertToTimedEventFailed:reason=columnNumberMismatch,expected=%d,actual=%d:",
@@ -554,15 +614,17 @@ TimedEvent AlarmDB::convertToTimedEvent(const SqliteUtil::Row& row) {
             "AlarmDB:convertToTimedEventWarn:reason=LoopCountCastFailed,expected=%d,actual=%d:%s, setting loopCount to 2",
             k_numOfAlarmColumns, columns, error.what());
     }
-    return TimedEvent(row[0], row[1], row[2], row[3], row[4], isDynamic, row[6], loopCount, row[8]);
+    return TimedEvent(row[0], row[1], row[2], row[3], row[4], isDynamic, row[6], loopCount, row[8],
+                      sounds);
 }
 
 std::optional<TimedEvent> AlarmDB::readAlert(const std::string& type) {
-    std::optional<TimedEvent> unreadable;
-    std::size_t seen = 0;
     // Nearly always the first row is the one. Only when it is not, longer and longer beginnings
-    // are read.
+    // are read, each as a whole: rows of the same time may change places when more are asked
+    // for.
+    AlertSounds sounds;
     for (std::size_t limit = 1;; limit *= 8) {
+        std::optional<TimedEvent> never;
         std::vector<SqliteUtil::Row> rows;
         std::string error;
         if (m_db->select(k_alarmTableName,
@@ -573,29 +635,29 @@ std::optional<TimedEvent> AlarmDB::readAlert(const std::string& type) {
             LOGE("AlarmDB:readAlertFailed:dbError=%s,type=%s:", error.c_str(), type.c_str());
             return std::nullopt;
         }
-        for (; seen < rows.size(); ++seen) {
-            TimedEvent event = convertToTimedEvent(rows[seen]);
-            if (rows[seen].size() != k_numOfAlarmColumns) {
-                return event;  // and so are all rows of this table
+        for (const SqliteUtil::Row& row : rows) {
+            if (row.size() != k_numOfAlarmColumns) {
+                return convertToTimedEvent(row);  // and so are all rows of this table
             }
-            if (isEmpty(event) || hasEnded(event)) {
+            if (row.front() == EVT_EMPTY || hasEnded(row.front())) {
                 continue;
             }
-            if (event.hasReadableTime()) {
+            TimedEvent event = convertToTimedEvent(row, &sounds);
+            if (event.isLive()) {
                 return event;
             }
-            if (!unreadable) {
-                unreadable = std::move(event);
+            if (!never) {
+                never = std::move(event);
             }
         }
         if (rows.size() < limit) {
-            return unreadable ? *unreadable : emptyEvent();
+            return never ? *never : emptyEvent();
         }
     }
 }
 
-bool AlarmDB::hasEnded(const TimedEvent& event) const {
-    return m_allAreUndeleted || m_passedOver.count(event.getId()) != 0;
+bool AlarmDB::hasEnded(const std::string& id) const {
+    return m_allAreUndeleted || m_passedOver.count(id) != 0;
 }
 
 std::optional<TimedEvent> AlarmDB::findAlert(const std::string& id) {
@@ -623,17 +685,36 @@ std::string AlarmDB::getClientId(const std::string& id) {
     return rows.size() == 1 ? convertToTimedEvent(rows.front()).getClient() : "";
 }
 
-std::vector<TimedEvent> AlarmDB::readAlerts(const SqliteUtil::Conditions& conditions) {
-    std::vector<SqliteUtil::Row> rows;
+bool AlarmDB::visitAlerts(const SqliteUtil::Conditions& conditions,
+                          const SqliteUtil::Visitor& visitor) {
     std::string error;
-    std::vector<TimedEvent> events;
-    if (m_db->select(k_alarmTableName, conditions, rows, error) != SQL_OK) {
+    if (m_db->visit(k_alarmTableName, conditions, visitor, error) != SQL_OK) {
         LOGE("AlarmDB:getAllAlertFailed:dbError=%s:", error.c_str());
-        return events;
+        return false;
     }
-    events.reserve(rows.size());
-    for (const SqliteUtil::Row& row : rows) {
-        events.push_back(convertToTimedEvent(row));
+    return true;
+}
+
+AlarmDB::PackedRows AlarmDB::readUnendedRows() {
+    PackedRows rows;
+    Lock lock(m_mutex);
+    const bool isRead =
+        visitAlerts(SqliteUtil::noConditions, [&](const SqliteUtil::Row& row) REQUIRES(m_mutex) {
+            if (!hasEnded(row.front())) {
+                rows.add(row);
+            }
+        });
+    return isRead ? std::move(rows) : PackedRows();
+}
+
+std::vector<TimedEvent> AlarmDB::readAlerts(const SqliteUtil::Conditions& conditions) {
+    PackedRows rows;
+    std::vector<TimedEvent> events;
+    if (visitAlerts(conditions, [&](const SqliteUtil::Row& row) { rows.add(row); })) {
+        AlertSounds sounds;
+        rows.forEach([&](const SqliteUtil::Row& row) {
+            events.push_back(convertToTimedEvent(row, &sounds));
+        });
     }
     return events;
 }
@@ -799,8 +880,9 @@ bool AlarmDB::setEvent(const std::string& id, const std::string& client, const s
         "AlarmDB:setEvent:id=%s,client=%s,type=%s,time=%s,isDynamicAlert=%d,assetPlayOrder=%s,loopCount=%d,shortAlertAsset=%s:chosen event",
         id.c_str(), client.c_str(), type.c_str(), timeStr.c_str(), isDynamicAlert,
         assetPlayOrder.c_str(), loopCount, shortAlertAsset.c_str());
-    const TimedEvent event(id, client, type, timeStr, earcon, isDynamicAlert, assetPlayOrder,
-                           loopCount, shortAlertAsset);
+    TimedEvent event(id, client, type, timeStr, earcon, isDynamicAlert, assetPlayOrder, loopCount,
+                     shortAlertAsset);
+    event.makeTimeSortable();
     Lock lock(m_mutex);
     retryDeletions();
     // While those of a former owner are still there nothing is to ring, so nothing can be set.
@@ -992,11 +1074,7 @@ TimedEvent AlarmDB::readForDeletion(const std::string& id) {
 bool AlarmDB::removeEvent(const TimedEvent& event, const std::string& id, bool hasEnded,
                           bool& wasPlaying) {
     if (!deleteAlert(id)) {
-        LOGE("AlarmDB:deleteEventFailed:UnableToDeleteEvt,id=%s:", id.c_str());
-        // The other way round than after a success; those who read the counters know it so.
-        if (emitDeleteMetrics(event, false, toSeconds(now()))) {
-            m_metrics.emitErrorMetric(METRIC_DELETE_METRIC_FAILURE);
-        }
+        countFailedDeletion(event, id);
         distrustSlots();
         if (hasEnded) {
             passOver({id});
@@ -1004,12 +1082,24 @@ bool AlarmDB::removeEvent(const TimedEvent& event, const std::string& id, bool h
         }
         return false;
     }
+    countDeletion(event, id);
+    wasPlaying = releaseEvents({id});
+    return true;
+}
+
+void AlarmDB::countDeletion(const TimedEvent& event, const std::string& id) {
     LOGI("AlarmDB:deleteEventSuccess:id=%s:", id.c_str());
     if (!emitDeleteMetrics(event, true, toSeconds(now()))) {
         m_metrics.emitErrorMetric(METRIC_DELETE_METRIC_FAILURE);
     }
-    wasPlaying = releaseEvents({id});
-    return true;
+}
+
+void AlarmDB::countFailedDeletion(const TimedEvent& event, const std::string& id) {
+    LOGE("AlarmDB:deleteEventFailed:UnableToDeleteEvt,id=%s:", id.c_str());
+    // The other way round than after a success; those who read the counters know it so.
+    if (emitDeleteMetrics(event, false, toSeconds(now()))) {
+        m_metrics.emitErrorMetric(METRIC_DELETE_METRIC_FAILURE);
+    }
 }
 
 bool AlarmDB::deleteNotifications(const std::set<std::string>& ids, bool& wasPlaying) {
@@ -1061,14 +1151,13 @@ void AlarmDB::passOver(const std::set<std::string>& ids) {
 /// What was deleted in the end stays passed over, at no cost: only setting it makes a new one.
 void AlarmDB::retryDeletions() {
     // The notices first: a row without one is what the next start makes it from.
-    while (!m_unsavedNotices.empty()) {
-        const auto [id, client] = m_unsavedNotices.back();
-        if (!retainEventForLaterStopNotice(id, client)) {
-            return;
-        }
-        m_unsavedNotices.pop_back();
-    }
     std::string error;
+    if (!m_unsavedNotices.empty() && saveStopNotices(m_unsavedNotices, error) != SQL_OK) {
+        const auto& [id, client] = m_unsavedNotices.front();
+        logUnsavedNotice(error, id, client);  // one line stands for all: this is tried often
+        return;
+    }
+    m_unsavedNotices.clear();
     if (m_allAreUndeleted) {
         m_allAreUndeleted = m_db->deleteAllEntries(k_alarmTableName, error) != SQL_OK;
     }
@@ -1140,11 +1229,57 @@ void AlarmDB::moveExpiredEventsForLaterStopNotice(bool retain) {
     }
     const TimePoint cutOff = now() - EXPIRY;
     Lock lock(m_mutex);
-    for (const TimedEvent& event : getAllAlerts()) {
-        if (event.getTime() <= cutOff) {
-            retainAndRemove(event.getId(), event.getClient());
-        }
+    PackedRows expired;
+    AlertSounds sounds;
+    const bool isRead =
+        visitAlerts(SqliteUtil::noConditions, [&](const SqliteUtil::Row& row) REQUIRES(m_mutex) {
+            // What could not be deleted when it was to go is not to be told of either.
+            if (!hasEnded(row.front()) && convertToTimedEvent(row, &sounds).getTime() <= cutOff) {
+                expired.add(row);
+            }
+        });
+    if (isRead && !expired.isEmpty()) {
+        retainAndRemoveAll(expired);
     }
+}
+
+/// Two durable steps and not two for each: after a long time without power a ring may be due before
+/// thousands of them are done.
+void AlarmDB::retainAndRemoveAll(const PackedRows& expired) {
+    StopNotices notices;
+    std::set<std::string> ids;
+    expired.forEach([&](const SqliteUtil::Row& row) {
+        notices.emplace_back(row[0], row[1]);
+        ids.insert(row[0]);
+    });
+    std::string error;
+    if (saveStopNotices(notices, error) != SQL_OK) {
+        for (const auto& [id, client] : notices) {
+            logUnsavedNotice(error, id, client);
+        }
+        m_unsavedNotices.insert(m_unsavedNotices.end(), notices.begin(), notices.end());
+        passOver(ids);
+        releaseEvents(ids);
+        return;
+    }
+    const bool areDeleted = deleteRows(ids, error) == SQL_OK;
+    AlertSounds sounds;
+    expired.forEach([&](const SqliteUtil::Row& row) REQUIRES(m_mutex) {
+        const TimedEvent event = convertToTimedEvent(row, &sounds);
+        LOGI("AlarmDB:deleteEvent:id=%s:chosen event", event.getId().c_str());
+        if (areDeleted) {
+            countDeletion(event, event.getId());
+        } else {
+            LOGE("AlarmDB:deleteAlertFailed:dbError=%s,id=%s:", error.c_str(),
+                 event.getId().c_str());
+            countFailedDeletion(event, event.getId());
+        }
+    });
+    if (!areDeleted) {
+        distrustSlots();
+        passOver(ids);
+    }
+    releaseEvents(ids);
 }
 
 // --- Stop notices that could not be sent ---
@@ -1152,19 +1287,26 @@ void AlarmDB::moveExpiredEventsForLaterStopNotice(bool retain) {
 bool AlarmDB::isSet(const std::string& id) {
     Lock lock(m_mutex);
     const std::optional<TimedEvent> stored = findAlert(id);
-    return stored && !isEmpty(*stored) && !hasEnded(*stored);
+    return stored && !isEmpty(*stored) && !hasEnded(id);
 }
 
 bool AlarmDB::retainEventForLaterStopNotice(const std::string& id, const std::string& client) {
-    LOGD("AlarmDB:retainEventForLaterStopNotice:table=%s:writing retained event to DB",
-         k_retainedEvtTable.c_str());
+    logSavingNotice();
     std::string error;
     if (m_db->insert(k_retainedEvtTable, {id, client}, error, true) != SQL_OK) {
-        LOGE("AlarmDB:retainEventForLaterStopNoticeFailed:dbError=%s,id=%s,client=%s:",
-             error.c_str(), id.c_str(), client.c_str());
+        logUnsavedNotice(error, id, client);
         return false;
     }
     return true;
+}
+
+int AlarmDB::saveStopNotices(const StopNotices& notices, std::string& error) {
+    std::vector<SqliteUtil::Row> rows;
+    for (const auto& [id, client] : notices) {
+        logSavingNotice();
+        rows.push_back({id, client});
+    }
+    return m_db->replaceAll(k_retainedEvtTable, rows, error);
 }
 
 bool AlarmDB::getSavedStopNotices(StopNotices& notices) {
@@ -1172,6 +1314,8 @@ bool AlarmDB::getSavedStopNotices(StopNotices& notices) {
     std::vector<SqliteUtil::Row> rows;
     std::string error;
     notices.clear();
+    // Before the read: what is only in memory may be saved meanwhile, and then be in neither.
+    Lock lock(m_mutex);
     if (m_db->select(k_retainedEvtTable, SqliteUtil::noConditions, rows, error) != SQL_OK) {
         LOGE("AlarmDB:getSavedStopNoticeFailed:dbError=%s:", error.c_str());
         return false;
@@ -1184,7 +1328,6 @@ bool AlarmDB::getSavedStopNotices(StopNotices& notices) {
         }
         notices.emplace_back(row[0], row[1]);
     }
-    Lock lock(m_mutex);
     notices.insert(notices.end(), m_unsavedNotices.begin(), m_unsavedNotices.end());
     return true;
 }
@@ -1208,7 +1351,6 @@ void AlarmDB::deleteSavedStopNotices() {
 
 bool AlarmDB::jsonForTimedEvent(std::string& json, const std::string& id, const std::string& client,
                                 const std::string& type, const std::string& time) {
-    Lock lock(m_mutex);
     json.clear();
     Document document = Document::ofState(TIMED_EVENT_LOG);
     addStateItem(document, id, type, time, client);
@@ -1216,7 +1358,6 @@ bool AlarmDB::jsonForTimedEvent(std::string& json, const std::string& id, const 
 }
 
 bool AlarmDB::jsonForDeleteTimedEvents(std::string& json, const std::set<std::string>& ids) {
-    Lock lock(m_mutex);
     json.clear();
     Document document = Document::ofState(DELETED_LOG);
     for (const std::string& id : ids) {
@@ -1238,15 +1379,16 @@ bool AlarmDB::jsonForActiveEvents(int volume, std::string& json) {
 }
 
 bool AlarmDB::jsonForAllEvents(std::string& json) {
-    Lock lock(m_mutex);
     json.clear();
     Document document = Document::ofState(ALL_LOG);
-    for (const TimedEvent& event : getAllAlerts()) {
-        if (event.isLive() && !hasEnded(event)) {
+    AlertSounds sounds;
+    readUnendedRows().forEach([&](const SqliteUtil::Row& row) {
+        const TimedEvent event = convertToTimedEvent(row, &sounds);
+        if (event.isLive()) {
             addStateItem(document, event.getId(), event.getType(), event.getTimeStr(),
                          event.getClient());
         }
-    }
+    });
     return document.print(json);
 }
 

@@ -26,7 +26,8 @@ namespace alarmd {
 /// Threads: the timer thread, the messaging worker, the stop-notice thread and the bus callbacks,
 /// all at once. Every public operation locks what it needs: those that read or change the slots or
 /// the current event hold the store mutex for their whole body; the others touch only the database,
-/// which locks itself. No bus call is made under the store mutex.
+/// which locks itself. No bus call is made under the store mutex. What a document costs beyond
+/// reading its rows is paid after the store mutex is released: a ring may be due.
 ///
 /// Failure: the constructor alone throws. After that an operation that fails logs one line and
 /// returns false, the empty event (identifier "*"), "" or an empty list; what is stored is left as
@@ -80,8 +81,9 @@ class AlarmDB {
 
     /// Stores or replaces a notification and opens the choice again unless one rings. `wasPlaying`
     /// is set (never cleared) when the one replaced was ringing: it does not ring any more. False
-    /// when it could not be written, and nothing changed; also when the type is none of the three,
-    /// and then the row is stored all the same.
+    /// when it could not be written, and then it is not stored, unless the very last step failed:
+    /// what rings is what is stored either way. Also false when the type is none of the three, and
+    /// then the row is stored all the same.
     [[nodiscard]] bool setEvent(const std::string& id, const std::string& client,
                                 const std::string& type, const std::string& timeStr,
                                 const std::string& earcon, bool isDynamicAlert,
@@ -171,11 +173,11 @@ class AlarmDB {
     // --- JSON documents (unformatted); on failure false and an empty `json` ---
 
     /// The state document of one notification, made of the arguments alone.
-    bool jsonForTimedEvent(std::string& json, const std::string& id, const std::string& client,
-                           const std::string& type, const std::string& time) EXCLUDES(m_mutex);
+    static bool jsonForTimedEvent(std::string& json, const std::string& id,
+                                  const std::string& client, const std::string& type,
+                                  const std::string& time);
     /// The state document of deleted notifications: type "NONE", in ascending byte order.
-    bool jsonForDeleteTimedEvents(std::string& json, const std::set<std::string>& ids)
-        EXCLUDES(m_mutex);
+    static bool jsonForDeleteTimedEvents(std::string& json, const std::set<std::string>& ids);
     /// The volume and the notification that rings, if any.
     bool jsonForActiveEvents(int volume, std::string& json) EXCLUDES(m_mutex);
     /// The state document of all live stored notifications.
@@ -209,15 +211,21 @@ class AlarmDB {
 
     [[nodiscard]] bool writeToDB(const TimedEvent& event);
     /// The empty event, logged, when the row has another number of columns.
-    static TimedEvent convertToTimedEvent(const SqliteUtil::Row& row);
+    static TimedEvent convertToTimedEvent(const SqliteUtil::Row& row,
+                                          AlertSounds* sounds = nullptr);
+    class PackedRows;
+    /// The stored notifications that have not ended, as they are at one moment.
+    PackedRows readUnendedRows() EXCLUDES(m_mutex);
+    /// False, logged, when not all could be shown.
+    bool visitAlerts(const SqliteUtil::Conditions& conditions, const SqliteUtil::Visitor& visitor);
     std::vector<TimedEvent> readAlerts(const SqliteUtil::Conditions& conditions);
-    /// The earliest stored notification of the type that can be chosen. One whose time cannot be
-    /// read only when there is no other; the empty event when there is none at all.
-    /// Nothing, logged, when it cannot be read.
+    /// The earliest stored notification of the type that can be chosen. One that never rings, its
+    /// time being unreadable or too far away, only when there is no other; the empty event when
+    /// there is none at all. Nothing, logged, when it cannot be read.
     std::optional<TimedEvent> readAlert(const std::string& type) REQUIRES(m_mutex);
     /// The one with this id, or the empty event; nothing, logged, when it cannot be read.
     std::optional<TimedEvent> findAlert(const std::string& id);
-    bool hasEnded(const TimedEvent& event) const REQUIRES(m_mutex);
+    bool hasEnded(const std::string& id) const REQUIRES(m_mutex);
     [[nodiscard]] bool deleteAlert(const std::string& id) REQUIRES(m_mutex);
 
     // --- Slots and current event ---
@@ -245,12 +253,18 @@ class AlarmDB {
     TimedEvent readForDeletion(const std::string& id) REQUIRES(m_mutex);
     bool removeEvent(const TimedEvent& event, const std::string& id, bool hasEnded,
                      bool& wasPlaying) REQUIRES(m_mutex);
+    void countDeletion(const TimedEvent& event, const std::string& id) REQUIRES(m_mutex);
+    void countFailedDeletion(const TimedEvent& event, const std::string& id) REQUIRES(m_mutex);
+    /// Keeps the notices of all and removes the rows, each in one step.
+    void retainAndRemoveAll(const PackedRows& expired) REQUIRES(m_mutex);
     int deleteRows(const std::set<std::string>& ids, std::string& error);
     /// Passes the ids over from now on and tries their deletion again later.
     void passOver(const std::set<std::string>& ids) REQUIRES(m_mutex);
     /// Stores the notices and deletes the rows that could not be before.
     void retryDeletions() REQUIRES(m_mutex);
     bool keepStopNotice(const std::string& id, const std::string& client) REQUIRES(m_mutex);
+    /// All in one step, or none.
+    [[nodiscard]] int saveStopNotices(const StopNotices& notices, std::string& error);
     void retainAndRemove(const std::string& id, const std::string& client) REQUIRES(m_mutex);
     bool emitDeleteMetrics(const TimedEvent& event, bool succeeded, Seconds now) REQUIRES(m_mutex);
 

@@ -27,6 +27,7 @@ constexpr useconds_t CLOCK_POLL_INTERVAL_US = 500000;
 constexpr Seconds AGE_LIMIT_SECONDS = 1800;
 constexpr double LATE_SECONDS = 30.0;
 constexpr boost::chrono::seconds STORE_RETRY(5);
+constexpr boost::chrono::seconds SILENCE_DELAY(2);
 constexpr int TIMER_DEFAULT_VOLUME = -1;
 constexpr int STATE_UPDATE_DEFAULT_VOLUME = 25;
 constexpr int NAMED_TIMER_LOOP_COUNT = -1;
@@ -137,6 +138,7 @@ bool AlarmEngine::init() {
         m_db.moveExpiredEventsForLaterStopNotice(m_timeKnown);
     }
     m_running = true;
+    m_silenceThread = boost::thread([this] { silenceThread(); });
     m_timerThread = boost::make_shared<boost::thread>([this] { timeThread(); });
     checkConnection();
     m_threadedHandler.workQueue().start();
@@ -329,8 +331,9 @@ void AlarmEngine::endTimerThread() {
     if (m_timerThread && m_timerThread->joinable()) {
         LOGD("AlarmEngine:terminate::ending timer thread");
         m_running = false;
-        m_timerCondition.notifyAll();
+        resetTimerThread();
         m_timerThread->join();
+        m_silenceThread.join();
     }
 }
 
@@ -354,6 +357,7 @@ boost::shared_ptr<CorvelMessaging::CorvelMessagingEndpoint> AlarmEngine::corvelC
 
 void AlarmEngine::resetTimerThread() {
     m_timerCondition.notifyAll();
+    m_silenceCondition.notifyAll();
 }
 
 // --- "Status" ---
@@ -372,9 +376,13 @@ void AlarmEngine::silenceStatus() {
 
 void AlarmEngine::settleStatus() {
     Lock lock(m_statusMutex);
-    if (m_statusProp->get() != ALARMD_STATUS_NONE && !isRinging()) {
+    if (isSilenceOwed()) {
         m_statusProp->set(ALARMD_STATUS_NONE, "");
     }
+}
+
+bool AlarmEngine::isSilenceOwed() {
+    return m_statusProp->get() != ALARMD_STATUS_NONE && !isRinging();
 }
 
 void AlarmEngine::publishRingStatus(const TimedEvent& ringing, const std::string& status) {
@@ -383,6 +391,28 @@ void AlarmEngine::publishRingStatus(const TimedEvent& ringing, const std::string
     // it.
     Lock lock(m_statusMutex);
     m_statusProp->set(stillRings(ringing) ? status : ALARMD_STATUS_NONE, "");
+}
+
+void AlarmEngine::silenceThread() {
+    pthread_setname_np(pthread_self(), "alarm-silence");
+    TimePoint deadline = AlarmDB::max_time();
+    while (m_running) {
+        const WakeCondition::Ticket ticket = m_silenceCondition.ticket();
+        if (!isSilenceOwed()) {
+            deadline = AlarmDB::max_time();
+        } else if (deadline == AlarmDB::max_time()) {
+            deadline = now() + SILENCE_DELAY;
+        } else if (now() >= deadline) {
+            settleStatus();
+            continue;
+        }
+        Lock lock(m_silenceMutex);
+        if (deadline == AlarmDB::max_time()) {
+            m_silenceCondition.wait(m_silenceMutex, ticket);
+        } else {
+            m_silenceCondition.waitUntil(m_silenceMutex, ticket, deadline);
+        }
+    }
 }
 
 bool AlarmEngine::stillRings(const TimedEvent& ringing) {
@@ -457,7 +487,7 @@ bool AlarmEngine::timerPass() {
 }
 
 void AlarmEngine::startRetainedEventsIfPending() {
-    if (!m_retainedEventsPending) {
+    if (!m_retainedEventsPending || isRetainedStartWaiting()) {
         return;
     }
     try {
@@ -881,6 +911,11 @@ void AlarmEngine::startRetainedEventThread() {
         m_retainedThread->join();
     }
     launchRetainedEventThread();
+}
+
+bool AlarmEngine::isRetainedStartWaiting() {
+    Lock lock(m_workerMutex);
+    return m_retainedStartsWaiting != 0;
 }
 
 void AlarmEngine::launchRetainedEventThread() {

@@ -64,8 +64,11 @@ class AlarmEngine {
     /// The endpoint, or an empty pointer before init and after terminate. Any thread.
     boost::shared_ptr<CorvelMessaging::CorvelMessagingEndpoint> corvelClient();
 
-    /// Makes the timer thread choose again. Any thread; takes no lock that is held during a wait.
+    /// Makes the timer thread choose again, and sees to it that what no longer rings is silent in
+    /// 2 s. Any thread; takes no lock that is held during a wait.
     void resetTimerThread();
+
+    // What follows publishes properties, so it is for the time from a successful init on.
 
     /// Closes the end of a notification: publishes "None" as "Status" unless another notification
     /// rings by now. Any thread but under the store mutex.
@@ -94,8 +97,9 @@ class AlarmEngine {
     void retainEventForLater(const std::string& id, const std::string& client, TimePoint time);
 
     /// Sends the retained stop notices from a thread of its own, after the one that runs, if any:
-    /// each call means one run. Never waits for a send. Throws boost::thread_resource_error when no
-    /// thread can be started. Main, timer and event thread.
+    /// each call means one run, but for those after terminate, which mean none. Never waits for a
+    /// send. Throws boost::thread_resource_error when no thread can be started. Main, timer and
+    /// event thread.
     void startRetainedEventThread();
 
     /// Records the six metrics of one ringing. Timer thread.
@@ -147,10 +151,15 @@ class AlarmEngine {
     /// Stores the alert mode, after a ringing pass; true when it is another. Event thread.
     bool changeAlertMode(AlertMode mode) EXCLUDES(m_engineMutex);
 
+    /// Publishes the "None" of a ring that has been over for 2 s. Whoever ends it does so behind a
+    /// send of up to 35 s, the timer thread may be in another one, and until then it sounds on.
+    void silenceThread() EXCLUDES(m_silenceMutex);
+
     // --- Timer thread ---
     void timeThread();
     /// One pass: choose, wait, and ring or give up. False when the thread is to end.
     bool timerPass() EXCLUDES(m_engineMutex);
+    /// A start that already waits will send what this one is for.
     void startRetainedEventsIfPending();
     bool isTooOldOrTimeUnknown(const Selection& selection);
     void ring(const Selection& selection, const TimedEvent& ringing) REQUIRES(m_engineMutex);
@@ -161,11 +170,14 @@ class AlarmEngine {
     void publishRingStatus(const TimedEvent& ringing, const std::string& status);
     int readAlarmVolume();
 
-    /// Whether the store's current event rings. Any thread but under the store mutex.
+    /// Whether the store's current event rings, and whether "Status" names a ring that is over. Any
+    /// thread but under the store mutex.
     bool isRinging();
+    bool isSilenceOwed();
 
     // --- Stop notices ---
     void noteRetained(const std::string& id) REQUIRES(m_stopNoticeMutex);
+    bool isRetainedStartWaiting() EXCLUDES(m_workerMutex);
     void launchRetainedEventThread() REQUIRES(m_workerMutex);
     void retainedEventThread();
     void sendAnyRetainedEvents();
@@ -220,6 +232,10 @@ class AlarmEngine {
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_timeKnown{false};
     boost::chrono::steady_clock::time_point m_timerThreadStart;  ///< timer thread
+
+    WakeCondition m_silenceCondition;
+    Mutex m_silenceMutex{LockRank::Leaf};  ///< held by its thread to wait, guards nothing
+    boost::thread m_silenceThread;         ///< main thread
 
     Mutex m_engineMutex{LockRank::Engine};
     Mutex m_stopNoticeMutex{LockRank::StopNotice};

@@ -34,6 +34,7 @@ enum class LockRank : int {
     Status,      ///< the "Status" property against what the store says is ringing
     Store,       ///< the store's slots and current event
     Leaf,        ///< guards a few members; nothing else is called under it
+    Log,         ///< the log lines that wait; lines are written under any other
 };
 
 /// A non-recursive mutex. In builds with ALARMD_CHECK_LOCK_ORDER a wrong order aborts at once,
@@ -83,7 +84,8 @@ class WakeCondition {
 
     /// The same, until the wall clock shows `deadline` at the latest: a clock that is set past the
     /// deadline ends the wait at once, one that is set back prolongs it. True when notified, false
-    /// when timed out. Throws boost::condition_error when the system refuses the wait.
+    /// when timed out. Throws boost::condition_error, with `held` locked again, when the system
+    /// refuses the wait.
     bool waitUntil(Mutex& held, Ticket seen, boost::chrono::system_clock::time_point deadline)
         REQUIRES(held);
 

@@ -29,13 +29,23 @@ inline bool isLogged(std::uint32_t bit) {
     return (g_orun42_log_mask.load(std::memory_order_relaxed) & bit) != 0;
 }
 
+/// Gives one line to syslog: at once, on the calling thread, until startLogThread.
+void logLine(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// From here on a thread of its own gives the lines to syslog, in their order: syslog blocks while
+/// the log's reader hangs, and nothing may ring late or go on ringing for that. At most 4 MiB wait;
+/// what comes beyond that is counted and lost. The end of the process waits a second at most for
+/// what still waits. Called once, by main, after openlog; where no thread can be started all stays
+/// as it was.
+void startLogThread();
+
 }  // namespace alarmd
 
-#define ALARMD_LOG_LINE(bit, priority, ...)  \
-    do {                                     \
-        if (::alarmd::isLogged(bit)) {       \
-            ::syslog(priority, __VA_ARGS__); \
-        }                                    \
+#define ALARMD_LOG_LINE(bit, priority, ...)           \
+    do {                                              \
+        if (::alarmd::isLogged(bit)) {                \
+            ::alarmd::logLine(priority, __VA_ARGS__); \
+        }                                             \
     } while (false)
 
 // Emergency for a critical line and notice for an information line look odd; log readers rely on

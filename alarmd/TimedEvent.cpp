@@ -83,9 +83,17 @@ std::string timeInStringFormat(Seconds seconds) {
     return text;
 }
 
+bool AlertSounds::exist(const std::string& earcon) {
+    const auto [known, isNew] = m_known.try_emplace(earcon, false);
+    if (isNew) {
+        known->second = exists(longFileOf(earcon)) && exists(shortFileOf(earcon));
+    }
+    return known->second;
+}
+
 TimedEvent::TimedEvent(std::string id, std::string client, std::string type, std::string timeStr,
                        std::string alertEarcon, bool isDynamicAlert, std::string assetPlayOrder,
-                       int loopCount, std::string shortAlertAsset)
+                       int loopCount, std::string shortAlertAsset, AlertSounds* sounds)
     : m_id(std::move(id)),
       m_client(std::move(client)),
       m_type(std::move(type)),
@@ -97,7 +105,7 @@ TimedEvent::TimedEvent(std::string id, std::string client, std::string type, std
       m_shortAlertAsset(std::move(shortAlertAsset)),
       m_played(false) {
     makeTimePoint();
-    generateEarconFilesFromAlert(m_alertEarcon);
+    generateEarconFilesFromAlert(m_alertEarcon, sounds);
 }
 
 TimedEvent::TimedEvent(const std::string& type)
@@ -122,8 +130,7 @@ bool TimedEvent::matches(const std::string& id) const {
 
 void TimedEvent::makeTimePoint() {
     Seconds seconds = 0;
-    m_timeIsReadable = readTime(m_timeStr, seconds);
-    if (m_timeIsReadable) {
+    if (readTime(m_timeStr, seconds)) {
         m_time = TimePoint(boost::chrono::seconds(seconds));
     } else {
         m_time = AlarmDB::max_time();
@@ -132,20 +139,29 @@ void TimedEvent::makeTimePoint() {
     }
 }
 
-bool TimedEvent::generateEarconFilesFromAlert(const std::string& alertEarcon) {
-    const std::string longFile = longFileOf(alertEarcon);
-    const std::string shortFile = shortFileOf(alertEarcon);
-    if (exists(longFile) && exists(shortFile)) {
-        m_alertFileLong = longFile;
-        m_alertFileShort = shortFile;
-        return true;
+void TimedEvent::makeTimeSortable() {
+    const std::string shape = "0000-00-00T00:00:00Z";
+    const auto isOfShape = [](char c, char model) {
+        return model == '0' ? c >= '0' && c <= '9' : c == model;
+    };
+    if (isLive()
+        && !std::equal(m_timeStr.begin(), m_timeStr.end(), shape.begin(), shape.end(), isOfShape)) {
+        m_timeStr = timeInStringFormat(toSeconds(m_time));
     }
-    LOGW(
-        "TimedEvent:generateEarconFilesFromAlertFailed:reason=unknownEarcon:Using default earcons");
-    m_alertEarcon = defaultEarconOf(m_type);
-    m_alertFileLong = longFileOf(m_alertEarcon);
-    m_alertFileShort = shortFileOf(m_alertEarcon);
-    return false;
+}
+
+bool TimedEvent::generateEarconFilesFromAlert(const std::string& alertEarcon, AlertSounds* sounds) {
+    AlertSounds ofThisOne;
+    const bool exist = (sounds != nullptr ? *sounds : ofThisOne).exist(alertEarcon);
+    if (!exist) {
+        LOGW(
+            "TimedEvent:generateEarconFilesFromAlertFailed:reason=unknownEarcon:Using default earcons");
+        m_alertEarcon = defaultEarconOf(m_type);
+    }
+    const std::string& taken = exist ? alertEarcon : m_alertEarcon;
+    m_alertFileLong = longFileOf(taken);
+    m_alertFileShort = shortFileOf(taken);
+    return exist;
 }
 
 void TimedEvent::writeTo(std::ofstream& out) const {

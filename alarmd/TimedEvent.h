@@ -4,6 +4,7 @@
 #include <boost/chrono/system_clocks.hpp>
 #include <cstdint>
 #include <fstream>
+#include <map>
 #include <string>
 
 namespace alarmd {
@@ -24,6 +25,17 @@ TimePoint now();
 std::string formattedTime(Seconds seconds);
 std::string timeInStringFormat(Seconds seconds);
 
+/// Which alert sounds are there. Each is looked for once, so one object serves records that are
+/// made at one moment.
+class AlertSounds {
+  public:
+    /// Whether both files of the earcon exist.
+    bool exist(const std::string& earcon);
+
+  private:
+    std::map<std::string, bool> m_known;
+};
+
 /// A plain value: copied freely, no lock. An identifier "*" means "no notification" wherever a
 /// record is returned (the empty event). Times are UTC. No operation throws but for lack of memory.
 class TimedEvent {
@@ -31,9 +43,10 @@ class TimedEvent {
     /// A notification as it was set. The time point is computed from `timeStr`
     /// ("2017-03-01T07:30:00Z"; anything else: the far future). When either sound file of
     /// `alertEarcon` is missing, the default sound of the type is taken, with a warning in the log.
+    /// One of several records gets the `sounds` of all.
     TimedEvent(std::string id, std::string client, std::string type, std::string timeStr,
                std::string alertEarcon, bool isDynamicAlert, std::string assetPlayOrder,
-               int loopCount, std::string shortAlertAsset);
+               int loopCount, std::string shortAlertAsset, AlertSounds* sounds = nullptr);
 
     /// The empty event of a type: id, client and time string "*", far-future time, played.
     explicit TimedEvent(const std::string& type);
@@ -62,15 +75,17 @@ class TimedEvent {
     /// True for exactly this identifier, byte for byte.
     bool matches(const std::string& id) const;
 
-    /// False when the time string could not be read (the time point is the far future then).
-    bool hasReadableTime() const { return m_timeIsReadable; }
-
     /// Computes the time point from the time string.
     void makeTimePoint();
 
+    /// Writes a time that can be read but not in two digits each, as in "T7:30:00Z", in full: the
+    /// store sorts them as texts, and such a one would be chosen too late.
+    void makeTimeSortable();
+
     /// Sets the two alert files from an earcon name. True when both files exist; else the default
     /// of the type is taken (name included), a warning logged, and false returned.
-    bool generateEarconFilesFromAlert(const std::string& alertEarcon);
+    bool generateEarconFilesFromAlert(const std::string& alertEarcon,
+                                      AlertSounds* sounds = nullptr);
 
     /// The legacy one-line form "id client time type". Reading leaves the sound and loop fields as
     /// they are and clears played; the caller inspects the stream's state afterwards.
@@ -91,7 +106,6 @@ class TimedEvent {
     int m_loopCount;
     std::string m_shortAlertAsset;
     bool m_played;
-    bool m_timeIsReadable = false;
 };
 
 }  // namespace alarmd

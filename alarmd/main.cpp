@@ -1,6 +1,7 @@
 /// The daemon's entry: command line, single instance, logging, signals, and the engine's life.
 #include <getopt.h>
 #include <glib.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <syslog.h>
@@ -22,6 +23,7 @@ namespace {
 
 using namespace alarmd;
 
+constexpr int LARGE_BLOCK_BYTES = 128 << 10;
 constexpr std::uint32_t LOG_MASK_NORMAL = 0xFFF0000;
 constexpr std::uint32_t LOG_MASK_DEBUG = 0xFFFFFDE;
 
@@ -105,6 +107,7 @@ void countSecondStart() {
 void startLogging(bool debug) {
     g_orun42_log_mask = LOG_MASK_NORMAL;
     ::openlog("alarmd", LOG_PID | LOG_CONS, LOG_LOCAL0);
+    startLogThread();
     if (debug) {
         g_orun42_log_mask = LOG_MASK_DEBUG;
     }
@@ -152,6 +155,9 @@ void runEngine() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Large blocks go back to the system one by one; left to itself the allocator would come to
+    // keep what a single huge message took.
+    ::mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK_BYTES);
     Options options;
     if (!parseOptions(argc, argv, options)) {
         usage(argv[0]);

@@ -6,9 +6,7 @@
 
 #include "alarmd/AlarmEngine.h"
 #include "alarmd/Constants.h"
-#include "alarmd/Log.h"
-#include "fuzz/Target.h"
-#include "tests/recording/Platform.h"
+#include "fuzz/Device.h"
 
 namespace {
 
@@ -37,8 +35,7 @@ bool isRepetition(const std::string& list, const std::string& copy, bool isCut) 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    g_orun42_log_mask = 0xFFFFFFFF;
-    recording::platform().reset();
+    fuzz::emptyDevice();
     const std::string input = fuzz::toText(data, size);
     const auto numbers = fuzz::split(input, ' ');
     const int count = toInt(numbers[0]);

@@ -30,7 +30,8 @@ class FileDownloader {
     FileDownloader(const FileDownloader&) = delete;
     FileDownloader& operator=(const FileDownloader&) = delete;
 
-    /// Fetches `url` into `path` and waits for it. The file appears there whole, replacing an older
+    /// Fetches `url` into `path` and waits for it, first until fewer than 128 others are at it. The
+    /// file appears there whole, replacing an older
     /// one, or not at all, and is on disk before success is returned. At most 5 redirects, 16 MiB,
     /// 10 s to connect, and no less than 1 kB/s over 20 s. Refused are other schemes, answers of
     /// 400 and over, a path with a ".." component and a path whose last component exists as

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// One database file. Every value crosses as text and is bound, never pasted into SQL; NULL reads
@@ -22,16 +24,20 @@ class SqliteUtil {
       public:
         enum class Kind { Equal, OrderBy, Limit };
 
-        static Condition equal(const std::string& column, const std::string& value);
-        static Condition orderBy(const std::string& column);  ///< ascending
-        static Condition limit(std::size_t rows);
+        static Condition equal(const std::string& column, const std::string& value) {
+            return {Kind::Equal, column, value};
+        }
+        /// Ascending.
+        static Condition orderBy(const std::string& column) { return {Kind::OrderBy, column, ""}; }
+        static Condition limit(std::size_t rows) { return {Kind::Limit, "", std::to_string(rows)}; }
 
         Kind kind() const { return m_kind; }
         const std::string& column() const { return m_column; }
         const std::string& value() const { return m_value; }
 
       private:
-        Condition(Kind kind, std::string column, std::string value);
+        Condition(Kind kind, std::string column, std::string value)
+            : m_kind(kind), m_column(std::move(column)), m_value(std::move(value)) {}
         Kind m_kind;
         std::string m_column;
         std::string m_value;
@@ -39,7 +45,7 @@ class SqliteUtil {
     using Conditions = std::vector<Condition>;
 
     /// Selects every row.
-    static const Conditions noConditions;
+    static inline const Conditions noConditions;
 
     SqliteUtil();
     /// Closes the file.
@@ -78,6 +84,17 @@ class SqliteUtil {
     /// Without, it is an error.
     [[nodiscard]] int insert(const std::string& table, const Row& values, std::string& error,
                              bool replace);
+
+    /// The same with `replace` for several rows, in one step.
+    [[nodiscard]] int replaceAll(const std::string& table, const std::vector<Row>& rows,
+                                 std::string& error);
+
+    /// Shows the selected rows one after the other, all columns in table order, and keeps none of
+    /// them. Other threads wait meanwhile, so the visitor has to be quick, and it must not use this
+    /// object. After a failure it has seen some of them, or none.
+    using Visitor = std::function<void(const Row&)>;
+    [[nodiscard]] int visit(const std::string& table, const Conditions& conditions,
+                            const Visitor& visitor, std::string& error);
 
     /// The selected rows; all columns in table order. `rows` is empty on failure.
     [[nodiscard]] int select(const std::string& table, const Conditions& conditions,

@@ -7,6 +7,7 @@
 
 #include "alarmd/Log.h"
 #include "alarmd/platform/Oipc.h"
+#include "device/bus/Memory.h"
 #include "device/bus/Thread.h"
 
 namespace device {
@@ -21,6 +22,7 @@ constexpr milliseconds k_forever = milliseconds::max();
 constexpr milliseconds k_busLimit{2000};
 /// The bus cuts off whoever sends a message of more than 32 MiB; the header needs a little.
 constexpr gsize k_largestBody = (gsize{32} << 20) - 4096;
+constexpr std::size_t k_longestErrorText = 1024;
 
 constexpr const char* k_bus = "org.freedesktop.DBus";
 constexpr const char* k_busPath = "/org/freedesktop/DBus";
@@ -194,7 +196,11 @@ void Call::reply(GVariant* results) const {
 }
 
 void Call::fail(const char* error, const std::string& text) const {
-    send(adopt(g_dbus_message_new_method_error_literal(m_message.get(), error, text.c_str())));
+    // Texts repeat what the caller sent, which may be as long as a message can be.
+    MessagePtr reply = adopt(g_dbus_message_new_method_error_literal(m_message.get(), error, ""));
+    g_dbus_message_set_body(reply.get(),
+                            g_variant_new("(@s)", newText(text.substr(0, k_longestErrorText))));
+    send(std::move(reply));
 }
 
 void Call::send(MessagePtr reply) const {
@@ -221,6 +227,11 @@ Bus::Bus() : m_context(g_main_context_new()), m_connecting(g_cancellable_new()) 
 void Bus::runWorker(Worker& worker) {
     Guard lock(m_mutex);
     for (;;) {
+        if (worker.jobs.empty()) {
+            lock.unlock();
+            giveBackMemory();
+            lock.lock();
+        }
         while (worker.jobs.empty()) {
             worker.wake.wait(lock);
         }
@@ -325,7 +336,6 @@ bool Bus::isWhole() const {
 /// One attempt. Link thread: the connection tells the context of the thread that made it when it is
 /// gone.
 void Bus::connect(Guard& lock) {
-    g_cancellable_reset(m_connecting);
     lock.unlock();
     GDBusConnection* connection = nullptr;
     if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr)) {
@@ -406,6 +416,7 @@ int Bus::open(const std::string& name, Served& served) {
             if (m_changed.wait_until(lock, connectDeadline) == std::cv_status::timeout) {
                 g_cancellable_cancel(m_connecting);  // a bus that hangs; the attempt ends at once
                 m_changed.wait(lock, [this] { return !m_connectAsked; });
+                g_cancellable_reset(m_connecting);  // not before: the attempt may only begin now
             }
         }
     }

@@ -7,6 +7,7 @@
 
 #include "alarmd/Log.h"
 #include "alarmd/platform/CorvelMessaging.h"
+#include "device/bus/Memory.h"
 #include "device/bus/Thread.h"
 
 namespace CorvelMessaging {
@@ -116,16 +117,22 @@ void CorvelMessageHandlerThreaded::Impl::waitFinish() {
 void CorvelMessageHandlerThreaded::Impl::run() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
+        if (m_waiting.empty()) {
+            lock.unlock();
+            device::giveBackMemory();
+            lock.lock();
+        }
         while (m_waiting.empty() && m_state != State::Finishing) {
             m_changed.wait(lock);
         }
         if (m_waiting.empty()) {
             return;
         }
-        const Work work = std::move(m_waiting.front());
+        Work work = std::move(m_waiting.front());
         m_waiting.pop_front();
         lock.unlock();
         handle(m_handler, work);
+        work = {};
         lock.lock();
     }
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -17,11 +18,17 @@ namespace otaup {
 namespace {
 
 constexpr curl_off_t k_maxBytes = 16 * 1024 * 1024;
+/// Each transfer takes four descriptors or so, and the store needs some too.
+constexpr int k_mostAtOnce = 128;
 
 /// What the system says of the file that was to be written.
 FileDownloaderError fileError(const char* step, int errorNumber) {
     return {CURLE_WRITE_ERROR,
             std::string(step) + ": " + std::generic_category().message(errorNumber)};
+}
+
+FileDownloaderError cancelledError() {
+    return {CURLE_ABORTED_BY_CALLBACK, "The download was cancelled"};
 }
 
 bool hasParentComponent(const std::string& path) {
@@ -189,6 +196,28 @@ struct FileDownloader::Impl {
         return cancelled;
     }
 
+    /// Waits until few enough are at work, or until all are cancelled.
+    class Turn {
+      public:
+        explicit Turn(Impl& impl) : m_impl(impl) {
+            std::unique_lock<std::mutex> lock(m_impl.mutex);
+            while (m_impl.turns >= k_mostAtOnce && !m_impl.cancelled) {
+                m_impl.turnEnded.wait(lock);
+            }
+            ++m_impl.turns;
+        }
+        ~Turn() {
+            const std::lock_guard<std::mutex> lock(m_impl.mutex);
+            --m_impl.turns;
+            m_impl.turnEnded.notify_one();
+        }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+      private:
+        Impl& m_impl;
+    };
+
     /// Makes a transfer known to cancel() while it runs.
     class Running {
       public:
@@ -210,6 +239,8 @@ struct FileDownloader::Impl {
 
     std::mutex mutex;  // guards all below
     bool cancelled = false;
+    int turns = 0;
+    std::condition_variable turnEnded;
     std::set<Transfer*> running;
 };
 
@@ -228,6 +259,10 @@ FileDownloaderError FileDownloader::download(const std::string& url, const std::
     if (isOtherThanRegularFile(path)) {
         return {CURLE_WRITE_ERROR, "The path exists and is not a regular file"};
     }
+    const Impl::Turn turn(*m_impl);
+    if (m_impl->isCancelled()) {
+        return cancelledError();
+    }
     GrowingFile file(path);
     if (file.error() != 0) {
         return fileError("The file cannot be created", file.error());
@@ -239,7 +274,7 @@ FileDownloaderError FileDownloader::download(const std::string& url, const std::
     const Impl::Running running(*m_impl, transfer);
     const CURLcode code = transfer.run([this] { return m_impl->isCancelled(); });
     if (code == CURLE_ABORTED_BY_CALLBACK) {
-        return {code, "The download was cancelled"};
+        return cancelledError();
     }
     if (file.isTooLarge()) {
         return {CURLE_FILESIZE_EXCEEDED, "The file is larger than 16 MiB"};
@@ -259,6 +294,7 @@ FileDownloaderError FileDownloader::download(const std::string& url, const std::
 void FileDownloader::cancel() {
     const std::lock_guard<std::mutex> lock(m_impl->mutex);
     m_impl->cancelled = true;
+    m_impl->turnEnded.notify_all();
     for (Transfer* transfer : m_impl->running) {
         transfer->wake();
     }

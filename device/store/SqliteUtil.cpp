@@ -52,8 +52,9 @@ std::string quoted(const std::string& identifier) {
     return result + '"';
 }
 
-SqliteUtil::Row readRow(sqlite3_stmt* statement) {
-    SqliteUtil::Row row(static_cast<std::size_t>(sqlite3_column_count(statement)));
+/// Overwrites `row`, so that its memory serves for the next one again.
+void readRow(sqlite3_stmt* statement, SqliteUtil::Row& row) {
+    row.resize(static_cast<std::size_t>(sqlite3_column_count(statement)));
     int column = 0;
     for (std::string& value : row) {
         // In this order: the first call converts to text, the second measures the result.
@@ -61,10 +62,15 @@ SqliteUtil::Row readRow(sqlite3_stmt* statement) {
         const int size = sqlite3_column_bytes(statement, column);
         if (text != nullptr) {
             value.assign(static_cast<const char*>(text), static_cast<std::size_t>(size));
+        } else {
+            value.clear();
         }
         ++column;
     }
-    return row;
+}
+
+SqliteUtil::Visitor appendTo(std::vector<SqliteUtil::Row>& rows) {
+    return [&rows](const SqliteUtil::Row& row) { rows.push_back(row); };
 }
 
 /// The conditions of one operation, sorted by kind. Refers to them.
@@ -110,44 +116,30 @@ struct Selection {
 
 }  // namespace
 
-const SqliteUtil::Conditions SqliteUtil::noConditions;
-
-SqliteUtil::Condition::Condition(Kind kind, std::string column, std::string value)
-    : m_kind(kind), m_column(std::move(column)), m_value(std::move(value)) {}
-
-SqliteUtil::Condition SqliteUtil::Condition::equal(const std::string& column,
-                                                   const std::string& value) {
-    return {Kind::Equal, column, value};
-}
-
-SqliteUtil::Condition SqliteUtil::Condition::orderBy(const std::string& column) {
-    return {Kind::OrderBy, column, ""};
-}
-
-SqliteUtil::Condition SqliteUtil::Condition::limit(std::size_t rows) {
-    return {Kind::Limit, "", std::to_string(rows)};
-}
-
 /// All but the mutex is only used with the mutex held. Each operation leaves SQLite's text of its
 /// failure in `error`.
 struct SqliteUtil::Impl {
     int open(const std::string& path, bool create);
     int columnNames(const std::string& table, std::vector<Row>& names);
+    /// The name of the first column, which is the primary key of these tables; "" when there is no
+    /// such table.
+    int keyColumn(const std::string& table, std::string& name);
     int insert(const std::string& table, const Row& row);
     int replace(const std::string& table, const Row& row);
-    int select(const std::string& table, const Selection& selection, std::vector<Row>& rows);
+    int replaceAll(const std::string& table, const std::vector<Row>& rows);
+    int select(const std::string& table, const Selection& selection, const Visitor& visitor);
     int deleteFrom(const std::string& table, const Selection& selection);
 
-    /// Runs one statement. `values` has a value for each parameter, or more; the rows are appended
-    /// to `rows`.
-    int run(const std::string& sql, const Values& values = {}, std::vector<Row>* rows = nullptr);
+    /// Runs one statement. `values` has a value for each parameter, or more; the visitor, if any,
+    /// is shown the rows.
+    int run(const std::string& sql, const Values& values = {}, const Visitor& visitor = nullptr);
 
     /// Runs `body` (an int()) with the effect of all of it or none.
     template <typename Body>
     int transact(const Body& body);
 
     /// Runs a statement whose text has the ways of `selection`.
-    int runSelection(const std::string& sql, const Selection& selection, std::vector<Row>* rows);
+    int runSelection(const std::string& sql, const Selection& selection, const Visitor& visitor);
 
     int prepare(const std::string& sql, sqlite3_stmt*& statement);
     int fail(int status);
@@ -166,6 +158,7 @@ struct SqliteUtil::Impl {
     std::unique_ptr<sqlite3, CloseDatabase> database;
     /// By SQL text: a handful, as no text depends on values or their number.
     std::unordered_map<std::string, std::unique_ptr<sqlite3_stmt, FinalizeStatement>> statements;
+    std::unordered_map<std::string, std::string> keyColumns;  ///< by table
     std::string error;
 };
 
@@ -189,7 +182,7 @@ int SqliteUtil::Impl::prepare(const std::string& sql, sqlite3_stmt*& statement) 
     return SQLITE_OK;
 }
 
-int SqliteUtil::Impl::run(const std::string& sql, const Values& values, std::vector<Row>* rows) {
+int SqliteUtil::Impl::run(const std::string& sql, const Values& values, const Visitor& visitor) {
     if (!database) {
         return fail(SQLITE_MISUSE);
     }
@@ -208,9 +201,11 @@ int SqliteUtil::Impl::run(const std::string& sql, const Values& values, std::vec
             return fail(status);
         }
     }
+    Row row;
     while ((status = sqlite3_step(statement)) == SQLITE_ROW) {
-        if (rows != nullptr) {
-            rows->push_back(readRow(statement));
+        if (visitor) {
+            readRow(statement, row);
+            visitor(row);
         }
     }
     return status == SQLITE_DONE ? SQLITE_OK : fail(status);
@@ -230,10 +225,10 @@ int SqliteUtil::Impl::transact(const Body& body) {
 }
 
 int SqliteUtil::Impl::runSelection(const std::string& sql, const Selection& selection,
-                                   std::vector<Row>* rows) {
+                                   const Visitor& visitor) {
     if (selection.values.size() <= 1) {
         return run(sql, {selection.values.empty() ? "" : selection.values[0], selection.limit},
-                   rows);
+                   visitor);
     }
     return transact([&] {
         for (const std::string_view& value : selection.values) {
@@ -242,13 +237,14 @@ int SqliteUtil::Impl::runSelection(const std::string& sql, const Selection& sele
                 return status;
             }
         }
-        const int status = run(sql, {"", selection.limit}, rows);
+        const int status = run(sql, {"", selection.limit}, visitor);
         return status == SQLITE_OK ? run("DELETE FROM temp.wanted") : status;
     });
 }
 
 int SqliteUtil::Impl::open(const std::string& path, bool create) {
     statements.clear();
+    keyColumns.clear();
     sqlite3* opened = nullptr;
     int status = sqlite3_open_v2(
         path.c_str(), &opened,
@@ -281,7 +277,21 @@ int SqliteUtil::Impl::open(const std::string& path, bool create) {
 }
 
 int SqliteUtil::Impl::columnNames(const std::string& table, std::vector<Row>& names) {
-    return run("SELECT name FROM pragma_table_info(?1)", {table}, &names);
+    return run("SELECT name FROM pragma_table_info(?1)", {table}, appendTo(names));
+}
+
+int SqliteUtil::Impl::keyColumn(const std::string& table, std::string& name) {
+    const auto known = keyColumns.find(table);
+    if (known != keyColumns.end()) {
+        name = known->second;
+        return SQLITE_OK;
+    }
+    std::vector<Row> names;
+    const int status = columnNames(table, names);
+    if (status == SQLITE_OK && !names.empty()) {
+        name = keyColumns[table] = names.front().front();
+    }
+    return status;
 }
 
 int SqliteUtil::Impl::insert(const std::string& table, const Row& row) {
@@ -294,30 +304,44 @@ int SqliteUtil::Impl::insert(const std::string& table, const Row& row) {
 }
 
 int SqliteUtil::Impl::replace(const std::string& table, const Row& row) {
-    std::vector<Row> columns;
-    int status = columnNames(table, columns);
+    std::string column;
+    int status = keyColumn(table, column);
     if (status != SQLITE_OK) {
         return status;
     }
-    if (columns.empty() || row.empty()) {
+    if (column.empty() || row.empty()) {
         return insert(table, row);  // which says what is wrong
     }
-    // The primary key of these tables is their first column.
-    const Conditions key{Condition::equal(columns.front().front(), row.front())};
-    const Selection sameKey(key);
+    const Conditions key{Condition::equal(column, row.front())};
     std::vector<Row> stored;
-    status = select(table, sameKey, stored);
+    status = select(table, Selection(key), appendTo(stored));
     if (status != SQLITE_OK || (stored.size() == 1 && stored.front() == row)) {
         return status;
     }
+    return replaceAll(table, {row});
+}
+
+int SqliteUtil::Impl::replaceAll(const std::string& table, const std::vector<Row>& rows) {
+    std::string column;
+    int status = keyColumn(table, column);
+    if (status != SQLITE_OK) {
+        return status;
+    }
     return transact([&] {
-        const int deleted = deleteFrom(table, sameKey);
-        return deleted == SQLITE_OK ? insert(table, row) : deleted;
+        for (const Row& row : rows) {
+            const Conditions key{Condition::equal(column, row.front())};
+            status = column.empty() ? SQLITE_OK : deleteFrom(table, Selection(key));
+            status = status == SQLITE_OK ? insert(table, row) : status;
+            if (status != SQLITE_OK) {
+                break;
+            }
+        }
+        return status;
     });
 }
 
 int SqliteUtil::Impl::select(const std::string& table, const Selection& selection,
-                             std::vector<Row>& rows) {
+                             const Visitor& visitor) {
     // A union and not "or", so that the rows of one value come from an index in the order asked
     // for.
     std::string sql = "SELECT * FROM " + quoted(table);
@@ -334,7 +358,7 @@ int SqliteUtil::Impl::select(const std::string& table, const Selection& selectio
     if (!selection.limit.empty()) {
         sql += " LIMIT CAST(?2 AS INTEGER)";
     }
-    return runSelection(sql, selection, &rows);
+    return runSelection(sql, selection, visitor);
 }
 
 int SqliteUtil::Impl::deleteFrom(const std::string& table, const Selection& selection) {
@@ -391,7 +415,7 @@ int SqliteUtil::addColumns(const std::string& table, const std::vector<std::stri
 int SqliteUtil::userVersion(int& version, std::string& error) {
     std::vector<Row> rows;
     const int status = m_impl->perform(
-        error, [&](Impl& impl) { return impl.run("PRAGMA user_version", {}, &rows); });
+        error, [&](Impl& impl) { return impl.run("PRAGMA user_version", {}, appendTo(rows)); });
     if (status == SQLITE_OK) {
         version = std::atoi(rows.front().front().c_str());
     }
@@ -424,11 +448,21 @@ int SqliteUtil::insert(const std::string& table, const Row& values, std::string&
     });
 }
 
+int SqliteUtil::replaceAll(const std::string& table, const std::vector<Row>& rows,
+                           std::string& error) {
+    return m_impl->perform(error, [&](Impl& impl) { return impl.replaceAll(table, rows); });
+}
+
+int SqliteUtil::visit(const std::string& table, const Conditions& conditions,
+                      const Visitor& visitor, std::string& error) {
+    return m_impl->perform(
+        error, [&](Impl& impl) { return impl.select(table, Selection(conditions), visitor); });
+}
+
 int SqliteUtil::select(const std::string& table, const Conditions& conditions,
                        std::vector<Row>& rows, std::string& error) {
     rows.clear();
-    const int status = m_impl->perform(
-        error, [&](Impl& impl) { return impl.select(table, Selection(conditions), rows); });
+    const int status = visit(table, conditions, appendTo(rows), error);
     if (status != SQLITE_OK) {
         rows.clear();
     }

@@ -14,39 +14,7 @@ struct OipcEventHandleStruct {
     const char* argument;
 };
 
-namespace {
-
-constexpr int k_absent = 3;
-OipcHandleStruct theHandle;
-
-int toInt(const char* text, int* value) {
-    char* end = nullptr;
-    const long number = std::strtol(text, &end, 10);
-    *value = end == text ? *value : static_cast<int>(number);
-    return end == text ? k_absent : 0;
-}
-
-}  // namespace
-
-namespace recording {
-
-void Platform::emit(const std::string& source, const char* argument) {
-    const State::Callback found = callback(source);
-    OipcEventHandleStruct event{argument};
-    found.handler(&theHandle, source.substr(source.find(' ') + 1).c_str(), &event, found.data);
-}
-
-int Platform::write(const std::string& property, const std::string& value) {
-    const State::Callback found = callback(property);
-    return found.setter(&theHandle, property.c_str(), value.c_str(), found.data);
-}
-
-int Platform::read(const std::string& property, char* buffer, unsigned int& size) {
-    const State::Callback found = callback(property);
-    return found.getter(&theHandle, property.c_str(), buffer, &size, found.data);
-}
-
-}  // namespace recording
+static OipcHandleStruct theHandle;
 
 OipcHandleStruct* OipcOpenEx(const char* service, int* status) {
     *status = platform().record(std::string("open ") + service);
@@ -61,10 +29,12 @@ const char* OipcGetErrorString(int) {
     return "scripted failure";
 }
 
-int OipcRegisterStringProperty(OipcHandleStruct*, const char* property, OipcStringGetter getter,
+int OipcRegisterStringProperty(OipcHandleStruct*, const char* property, OipcStringGetter,
                                OipcStringSetter setter, void* data) {
     return platform().record(std::string("register ") + property, [&](State& state) {
-        state.callbacks[property] = {getter, setter, nullptr, data};
+        state.callbacks[property] = [=](const char* value) {
+            return setter(&theHandle, property, value, data);
+        };
     });
 }
 
@@ -72,35 +42,32 @@ int OipcSubscribeExt(OipcHandleStruct*, const char* service, const char* event,
                      OipcEventHandler handler, void* data) {
     const std::string source = std::string(service) + " " + event;
     return platform().record("subscribe " + source, [&](State& state) {
-        state.callbacks[source] = {nullptr, nullptr, handler, data};
+        state.callbacks[source] = [=](const char* argument) {
+            OipcEventHandleStruct sent{argument};
+            return handler(&theHandle, event, &sent, data), 0;
+        };
     });
 }
 
 /// Callbacks are made by the test itself, so none runs when it ends the daemon.
-void OipcRevokeCallbacks(void*) {
-    platform().record("revoke", [](State& state) { state.callbacks.clear(); });
-}
+void OipcRevokeCallbacks(void*) {}
 
 int OipcGetStringProperty(OipcHandleStruct*, const char* service, const char* property,
                           char** value) {
     const std::string source = std::string(service) + " " + property;
-    char* found = nullptr;
-    const int status = platform().record("get " + source, [&](State& state) {
+    platform().record("get " + source, [&](State& state) {
         const auto answer = state.answers.find(source);
-        found = answer == state.answers.end() ? nullptr : strdup(answer->second.c_str());
+        *value = answer == state.answers.end() ? nullptr : strdup(answer->second.c_str());
     });
-    *value = found == nullptr ? *value : found;
-    return status == 0 && found == nullptr ? k_absent : status;
+    return *value == nullptr ? 3 : 0;
 }
 
 int OipcGetIntProperty(OipcHandleStruct* handle, const char* service, const char* property,
                        int* value) {
     char* text = nullptr;
-    int status = OipcGetStringProperty(handle, service, property, &text);
-    if (status == 0) {
-        status = toInt(text, value);
-        std::free(text);
-    }
+    const int status = OipcGetStringProperty(handle, service, property, &text);
+    *value = status == 0 ? std::atoi(text) : *value;
+    std::free(text);
     return status;
 }
 
@@ -114,26 +81,26 @@ void OipcFreeString(char* text) {
 }
 
 int OipcGetIntParam(OipcEventHandleStruct* event, int* value) {
-    return event->argument == nullptr ? k_absent : toInt(event->argument, value);
+    *value = std::atoi(event->argument);
+    return 0;
 }
 
 int OipcGetStringParam(OipcEventHandleStruct* event, const char** value) {
-    *value = event->argument == nullptr ? *value : event->argument;
-    return event->argument == nullptr ? k_absent : 0;
+    *value = event->argument;
+    return 0;
 }
 
 namespace OipcProp {
 
 struct OipcString::Impl {
-    std::string name;
+    const std::string name;
     bool isValid;
 };
 
 OipcString::OipcString(OipcHandleStruct*, const std::string& name, const std::string& initialValue,
                        Getter, Setter, bool)
     : m_impl(new Impl{name, false}) {
-    const auto effect = [&](State& state) { state.published[name] = initialValue; };
-    m_impl->isValid = platform().record("property " + name + "=" + initialValue, effect) == 0;
+    m_impl->isValid = OipcString::set(initialValue, "");
 }
 OipcString::~OipcString() = default;
 
@@ -152,14 +119,12 @@ std::string OipcString::get() const {
 
 }  // namespace OipcProp
 
-void OlogInitLogProperties(OipcHandleStruct*, std::atomic<std::uint32_t>*) {
-    platform().record("log-properties");
-}
+void OlogInitLogProperties(OipcHandleStruct*, std::atomic<std::uint32_t>*) {}
 
 ThinkingModeUtil::ThinkingModeUtil(OipcHandleStruct* handle) : m_handle(handle) {}
 
 void ThinkingModeUtil::endThinkingMode(const std::string& voiceRequestId) {
-    platform().record(m_handle == &theHandle ? "end-thinking " + voiceRequestId : "no handle");
+    platform().record((m_handle != nullptr ? "end-thinking " : "no handle ") + voiceRequestId);
 }
 
 namespace CorvelMessaging {
@@ -167,34 +132,22 @@ namespace CorvelMessaging {
 const std::string CorvelMessagingEndpoint::k_clientNameSuffix = ".corvel";
 const std::string CorvelMessagingEndpoint::k_corveldName = "com.quintel.corveld";
 
-struct CorvelMessagingEndpoint::Impl {
-    std::string name;
-    CorvelMessageHandler& handler;
-};
+struct CorvelMessagingEndpoint::Impl {};
 
-CorvelMessagingEndpoint::CorvelMessagingEndpoint(const std::string& name,
-                                                 CorvelMessageHandler& handler)
-    : m_impl(new Impl{name, handler}) {}
-
-CorvelMessagingEndpoint::~CorvelMessagingEndpoint() {
-    platform().record("endpoint-released");
+CorvelMessagingEndpoint::CorvelMessagingEndpoint(const std::string&,
+                                                 CorvelMessageHandler& handler) {
+    platform().record("open-endpoint", [&](State& state) { state.handler = &handler; });
 }
+CorvelMessagingEndpoint::~CorvelMessagingEndpoint() = default;
 
 int CorvelMessagingEndpoint::init() {
-    return platform().record("endpoint " + m_impl->name,
-                             [&](State& state) { state.handler = &m_impl->handler; });
+    return platform().record("endpoint");
 }
 
-/// Only what is not as in every message is spelled out.
-int CorvelMessagingEndpoint::sendMessage(boost::shared_ptr<Message> message,
-                                         const std::string& destination, bool, int timeoutMs) {
-    const int context = message->getRequestReplyContext().getReconciliationId();
-    const bool usual = destination == k_corveldName && timeoutMs == 35000
-                       && message->getBody().getContentType() == "application/json";
+int CorvelMessagingEndpoint::sendMessage(boost::shared_ptr<Message> message, const std::string&,
+                                         bool, int) {
     return platform().record("send " + message->getType().getNamespace() + "."
-                             + message->getType().getName() + " " + message->getBody().getBody()
-                             + (context == 0 ? "" : " #" + std::to_string(context))
-                             + (usual ? "" : " unusual, to " + destination));
+                             + message->getType().getName() + " " + message->getBody().getBody());
 }
 
 }  // namespace CorvelMessaging

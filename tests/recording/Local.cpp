@@ -1,11 +1,6 @@
 /// The local side: the store wrapper, metrics, identity and downloads.
-#include <strings.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cstring>
-#include <fstream>
-#include <sstream>
+#include <cstdio>
 
 #include "alarmd/platform/DeviceMetrics.h"
 #include "alarmd/platform/FileDownloader.h"
@@ -16,190 +11,130 @@ using recording::platform;
 using recording::State;
 using recording::Table;
 
-// --- Tables of text; the first column is the primary key ---
+struct SqliteUtil::Impl {};
 
-struct SqliteUtil::Impl {
-    std::string file;
-
-    int call(const std::string& text, const std::string& table, std::string& error,
-             const std::function<void(Table&)>& body) const {
-        const int code =
-            platform().record(text, [&](State& state) { body(state.files[file][table]); });
-        error = code == 0 ? "" : "scripted failure";
-        return code;
-    }
-};
-
-namespace {
-
-std::string describe(const SqliteUtil::Conditions& conditions) {
-    std::string text;
-    for (const auto& condition : conditions) {
-        text += " " + condition.column() + "=" + condition.value();
-    }
-    return text;
+static int call(const std::string& text, const std::string& table, std::string& error,
+                const std::function<void(Table&)>& body) {
+    const int code = platform().record(text, [&](State& state) { body(state.tables[table]); });
+    error = code == 0 ? "" : "scripted failure";
+    return code;
 }
 
-const std::string& cell(const Table& table, const SqliteUtil::Row& row, const std::string& column) {
-    std::size_t index = 0;
-    while (strcasecmp(table.columns.at(index).c_str(), column.c_str()) != 0) {
-        ++index;
-    }
-    return row.at(index);
+/// The first condition stands for all: the daemon asks for identifiers, or for a type by time.
+static std::string describe(const SqliteUtil::Conditions& conditions) {
+    return conditions.empty() ? "" : " " + conditions[0].column() + "=" + conditions[0].value();
 }
 
-bool equalsOne(const Table& table, const SqliteUtil::Row& row,
-               const SqliteUtil::Conditions& conditions) {
-    return std::any_of(conditions.begin(), conditions.end(), [&](const auto& condition) {
+static bool isAskedFor(const SqliteUtil::Row& row, const SqliteUtil::Conditions& conditions) {
+    const auto isMet = [&](const SqliteUtil::Condition& condition) {
         return condition.kind() == SqliteUtil::Condition::Kind::Equal
-               && cell(table, row, condition.column()) == condition.value();
-    });
+               && row.at(condition.column() == "ID" ? 0 : 2) == condition.value();
+    };
+    return conditions.empty() || std::any_of(conditions.begin(), conditions.end(), isMet);
 }
 
-}  // namespace
-
-SqliteUtil::Condition::Condition(Kind kind, std::string column, std::string value)
-    : m_kind(kind), m_column(std::move(column)), m_value(std::move(value)) {}
-SqliteUtil::Condition SqliteUtil::Condition::equal(const std::string& column,
-                                                   const std::string& value) {
-    return {Kind::Equal, column, value};
-}
-SqliteUtil::Condition SqliteUtil::Condition::orderBy(const std::string& column) {
-    return {Kind::OrderBy, column, ""};
-}
-SqliteUtil::Condition SqliteUtil::Condition::limit(std::size_t rows) {
-    return {Kind::Limit, "", std::to_string(rows)};
-}
-
-const SqliteUtil::Conditions SqliteUtil::noConditions;
-SqliteUtil::SqliteUtil() : m_impl(new Impl) {}
+SqliteUtil::SqliteUtil() = default;
 SqliteUtil::~SqliteUtil() = default;
 
 int SqliteUtil::open(const std::string& path, bool create) {
     bool exists = create;
     const int code = platform().record(
-        "open-db " + path, [&](State& state) { exists = exists || state.files.count(path) != 0; });
-    m_impl->file = path;
-    constexpr int cannotOpen = 14;
-    return code == 0 && !exists ? cannotOpen : code;
+        "open-db " + path, [&](State& state) { exists = exists || !state.tables.empty(); });
+    return code == 0 && !exists ? 14 : code;  // what the daemon knows for a missing file
 }
 
-int SqliteUtil::createTable(const std::string& table, const std::string& schema,
-                            std::string& error) {
-    return m_impl->call("create " + table, table, error, [&](Table& content) {
-        std::istringstream definitions(content.columns.empty() ? schema : "");
-        for (std::string column; definitions >> column;) {
-            content.columns.push_back(column.substr(0, column.find(',')));
-            if (column.find(',') == std::string::npos) {
-                std::getline(definitions, column, ',');
-            }
-        }
-    });
+int SqliteUtil::createTable(const std::string& table, const std::string&, std::string& error) {
+    return call("create " + table, table, error, [](Table&) {});
 }
 
 int SqliteUtil::createIndex(const std::string& index, const std::string& table, const std::string&,
                             std::string& error) {
-    return m_impl->call("index " + index, table, error, [](Table&) {});
+    return call("index " + index, table, error, [](Table&) {});
 }
 
-int SqliteUtil::addColumns(const std::string& table, const std::vector<std::string>& columns,
+int SqliteUtil::addColumns(const std::string& table, const std::vector<std::string>&,
                            std::string& error) {
-    for (const std::string& column : columns) {
-        const int status =
-            m_impl->call("add-column " + table + " " + column, table, error, [&](Table& content) {
-                content.columns.push_back(column);
-                for (Row& row : content.rows) {
-                    row.emplace_back();
-                }
-            });
-        if (status != 0) {
-            return status;
-        }
-    }
-    return 0;
+    return call("add-columns " + table, table, error, [](Table&) {});
 }
 
 int SqliteUtil::userVersion(int& version, std::string&) {
-    return platform().record("user-version",
-                             [&](State& state) { version = state.userVersions[m_impl->file]; });
+    version = 0;
+    return platform().record("user-version");
 }
 
-int SqliteUtil::setUserVersion(int version, std::string&) {
-    return platform().record("set-user-version",
-                             [&](State& state) { state.userVersions[m_impl->file] = version; });
+int SqliteUtil::setUserVersion(int, std::string&) {
+    return platform().record("set-user-version");
 }
 
-std::set<std::string> SqliteUtil::columnNames(const std::string& table, std::string& error) {
-    std::set<std::string> names;
-    static_cast<void>(m_impl->call("columns " + table, table, error, [&](Table& content) {
-        names.insert(content.columns.begin(), content.columns.end());
-    }));
-    return names;
+/// As many as the daemon knows.
+std::set<std::string> SqliteUtil::columnNames(const std::string&, std::string&) {
+    return {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"};
 }
 
 int SqliteUtil::insert(const std::string& table, const Row& values, std::string& error, bool) {
-    return m_impl->call("insert " + table + " " + values[0], table, error, [&](Table& content) {
-        auto& rows = content.rows;
-        if (std::find(rows.begin(), rows.end(), values) == rows.end()) {
-            rows.erase(std::remove_if(rows.begin(), rows.end(),
-                                      [&](const Row& row) { return row[0] == values[0]; }),
-                       rows.end());
-            rows.push_back(values);
-        }
-    });
+    return call("insert " + table + " " + values[0], table, error,
+                [&](Table& rows) { rows[values[0]] = values; });
+}
+
+int SqliteUtil::replaceAll(const std::string& table, const std::vector<Row>& rows,
+                           std::string& error) {
+    const auto failed = [&](const Row& row) { return insert(table, row, error, true) != 0; };
+    return std::any_of(rows.begin(), rows.end(), failed) ? 1 : 0;
+}
+
+int SqliteUtil::visit(const std::string& table, const Conditions& conditions,
+                      const Visitor& visitor, std::string& error) {
+    std::vector<Row> rows;
+    const int code = select(table, conditions, rows, error);
+    std::for_each(rows.begin(), rows.end(), visitor);
+    return code;
 }
 
 int SqliteUtil::select(const std::string& table, const Conditions& conditions,
                        std::vector<Row>& rows, std::string& error) {
     rows.clear();
-    return m_impl->call("select " + table + describe(conditions), table, error, [&](Table& all) {
-        std::copy_if(
-            all.rows.begin(), all.rows.end(), std::back_inserter(rows),
-            [&](const Row& row) { return conditions.empty() || equalsOne(all, row, conditions); });
-        for (const Condition& condition : conditions) {
-            if (condition.kind() == Condition::Kind::OrderBy) {
-                std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
-                    return cell(all, a, condition.column()) < cell(all, b, condition.column());
-                });
-            } else if (condition.kind() == Condition::Kind::Limit) {
-                rows.resize(std::min<std::size_t>(rows.size(), std::stoul(condition.value())));
+    return call("select " + table + describe(conditions), table, error, [&](Table& all) {
+        const bool isByTime = !conditions.empty() && conditions[0].column() == "TYPE";
+        for (const auto& [id, row] : all) {
+            if (isAskedFor(row, conditions)) {
+                rows.push_back(row);
             }
+        }
+        if (isByTime) {
+            std::sort(rows.begin(), rows.end(),
+                      [](const Row& a, const Row& b) { return a[3] < b[3]; });
+            rows.resize(std::min<std::size_t>(rows.size(), std::stoul(conditions[2].value())));
         }
     });
 }
 
 int SqliteUtil::deleteFrom(const std::string& table, const Conditions& conditions,
                            std::string& error) {
-    return m_impl->call("delete " + table + describe(conditions), table, error, [&](Table& all) {
-        const auto end = std::remove_if(all.rows.begin(), all.rows.end(), [&](const Row& row) {
-            return equalsOne(all, row, conditions);
-        });
-        all.rows.erase(end, all.rows.end());
+    return call("delete " + table + describe(conditions), table, error, [&](Table& rows) {
+        for (const Condition& condition : conditions) {
+            rows.erase(condition.value());
+        }
     });
 }
 
 int SqliteUtil::deleteAllEntries(const std::string& table, std::string& error) {
-    return m_impl->call("delete-all " + table, table, error, [](Table& all) { all.rows.clear(); });
+    return call("delete-all " + table, table, error, [](Table& rows) { rows.clear(); });
 }
 
-// --- Metrics: "program source name=value{dimensions in ascending order}" ---
+// --- Metrics: "program source name=value{dimension=text}..." ---
 
 int record_device_metric(const char* program, const char* source, const char* name, int value,
                          GHashTable* dimensions, int, int) {
-    std::set<std::string> sorted;
-    const auto collect = [](void* key, void* text, void* set) {
-        static_cast<std::set<std::string>*>(set)->insert(std::string(static_cast<char*>(key)) + "="
-                                                         + static_cast<char*>(text));
+    std::string call =
+        std::string(program) + " " + source + " " + name + "=" + std::to_string(value);
+    const auto add = [](void* key, void* text, void* all) {
+        *static_cast<std::string*>(all) +=
+            std::string("{") + static_cast<char*>(key) + "=" + static_cast<char*>(text) + "}";
     };
     if (dimensions != nullptr) {
-        g_hash_table_foreach(dimensions, collect, &sorted);
+        g_hash_table_foreach(dimensions, add, &call);
     }
-    std::string text;
-    for (const std::string& dimension : sorted) {
-        text += (text.empty() ? "{" : ",") + dimension;
-    }
-    return platform().record(std::string(program) + " " + source + " " + name + "="
-                             + std::to_string(value) + text + (text.empty() ? "" : "}"));
+    return platform().record(call);
 }
 
 metrics::MetricTimeEvent::MetricTimeEvent(std::string name) : m_name(std::move(name)) {}
@@ -211,38 +146,25 @@ void metrics::MetricTimeEvent::emit(const std::string& text) const {
 }
 
 int idme_get_property(const char* key, char* buffer, unsigned int capacity) {
-    const std::string source = std::string("identity ") + key;
-    std::string value;
-    platform().record(source, [&](State& state) { value = state.answers[source]; });
-    if (value.empty() || value.size() > capacity) {
-        return 1;
-    }
-    std::memcpy(buffer, value.c_str(), value.size() + 1);
+    std::snprintf(buffer, capacity + 1, "the %s", key);
     return 0;
 }
 
-// --- Downloads: the file holds its address ---
+// --- Downloads: none leaves a file ---
 
 namespace otaup {
 
-struct FileDownloader::Impl {
-    std::atomic<bool> isCancelled{false};
-};
+struct FileDownloader::Impl {};
 
 FileDownloaderError::FileDownloaderError(int code, std::string text)
     : m_code(code), m_text(std::move(text)) {}
-FileDownloader::FileDownloader() : m_impl(new Impl) {}
+FileDownloader::FileDownloader() = default;
 FileDownloader::~FileDownloader() = default;
 
 FileDownloaderError FileDownloader::download(const std::string& url, const std::string& path) {
-    const int code = platform().record("download " + url + " " + path);
-    const bool done = code == 0 && !m_impl->isCancelled && (std::ofstream(path) << url).flush();
-    return {done ? 0 : 1, done ? "" : "scripted failure"};
+    return {platform().record("download " + url + " " + path), ""};
 }
 
-void FileDownloader::cancel() {
-    m_impl->isCancelled = true;
-    platform().record("cancel-downloads");
-}
+void FileDownloader::cancel() {}
 
 }  // namespace otaup

@@ -1,11 +1,10 @@
 /// The second platform: what stands behind alarmd/platform in unit tests. Every call to it and
 /// every log line is kept, in order, as one text "kind what"; answers and failures come from a
-/// script, and the test plays the rest of the device. A `call` names calls by a regular expression
-/// that their texts must begin with. Any thread; the mutex is never held while code of the daemon
-/// or of the test runs.
+/// script, and the test plays the rest of the device. A `call` names calls by a pattern of the
+/// shell that their texts must begin with. Any thread; the mutex is never held while code of the
+/// daemon or of the test runs.
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -18,69 +17,63 @@
 
 namespace recording {
 
-struct Table {
-    std::vector<std::string> columns;
-    std::vector<SqliteUtil::Row> rows;
-};
+using Table = std::map<std::string, SqliteUtil::Row>;  ///< by the first column
 
-/// What the device holds. Only touched under the platform's mutex.
+/// The device and the script.
 struct State {
-    struct Callback {
-        OipcStringGetter getter;
-        OipcStringSetter setter;
-        OipcEventHandler handler;
-        void* data;
-    };
+    using Callback = std::function<int(const char* value)>;
+    std::vector<std::string> calls;
+    std::map<std::string, int> failures;  ///< how many calls of a kind are to fail
+    std::function<void(const std::string& call)> listener;
     std::map<std::string, std::string> answers;    ///< to reads of "service property"
     std::map<std::string, std::string> published;  ///< by property
     std::map<std::string, Callback> callbacks;     ///< by property, or by "service event"
-    std::map<std::string, std::map<std::string, Table>> files;
-    std::map<std::string, int> userVersions;  ///< by file
+    std::map<std::string, Table> tables;           ///< of the one database that there is
     CorvelMessaging::CorvelMessageHandler* handler = nullptr;
 };
 
 class Platform {
   public:
     /// Back to an empty device without a script. Nothing of the daemon may be alive.
-    void reset();
+    void reset() { *locked() = {}; }
 
     std::vector<std::string> calls(const std::string& call);
-    void forgetCalls();
-    /// Waits until the condition holds, looking again after every call. False after a deadline.
+    void forgetCalls() { locked()->calls.clear(); }
+    /// Waits until the condition holds. False after a deadline.
     bool waitUntil(const std::function<bool()>& condition);
     bool waitFor(const std::string& call, std::size_t times = 1);
 
-    /// What reads of "service property" get, an int being a text that is one; "identity dsn" is of
-    /// the identity store.
-    void answer(const std::string& source, const std::string& value);
-    /// Lets the next `times` such calls fail with `code`.
-    void fail(const std::string& call, int times = 1, int code = 1);
-    /// Runs `action` inside the next such call, on the thread that makes it.
-    void during(const std::string& call, std::function<void()> action);
-    /// Tells `listener` of every call from now on, on the thread that makes it; {} ends that.
-    void listen(std::function<void(const std::string& call)> listener);
+    /// What reads of "service property" get, an int being a text that is one.
+    void answer(const std::string& source, const std::string& text) {
+        locked()->answers[source] = text;
+    }
+    /// Lets the next `times` such calls fail.
+    void fail(const std::string& call, int times = 1) { locked()->failures[call] += times; }
+    /// Tells it of every call from now on, on the thread that makes it; {} ends that.
+    void listen(const decltype(State::listener)& listener) { locked()->listener = listener; }
 
-    /// Sends an event with one argument, or none, to whoever subscribed to "service event".
-    void emit(const std::string& source, const char* argument);
-    int write(const std::string& property, const std::string& value);
-    int read(const std::string& property, char* buffer, unsigned int& size);
-    std::string published(const std::string& property);
+    /// Writes a property, or sends an event with one argument to who subscribed to
+    /// "service event". What the daemon returns.
+    int send(const std::string& name, const char* value);
+    std::string published(const std::string& property) { return locked()->published.at(property); }
     void deliver(const std::string& name, const std::string& body);
-    std::vector<SqliteUtil::Row> rows(const std::string& file, const std::string& table);
-    void seed(const std::string& file, const std::string& table, const Table& content);
+    std::vector<SqliteUtil::Row> rows(const std::string& table);
 
     /// For the implementations: keeps the call and, unless the script lets it fail, applies
-    /// `effect` in the same step; then runs the test's action. The call's status.
+    /// `effect` in the same step; then tells the listener. The call's status.
     int record(const std::string& call, const std::function<void(State&)>& effect = {});
-    State::Callback callback(const std::string& source);
 
   private:
+    /// The state, and the mutex as long as this lives.
+    struct Locked {
+        std::unique_lock<std::mutex> lock;
+        State& state;
+        State& operator*() const { return state; }
+        State* operator->() const { return &state; }
+    };
+    Locked locked() { return {std::unique_lock<std::mutex>(m_mutex), m_state}; }
+
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<std::string> m_calls;
-    std::vector<std::pair<std::string, int>> m_failures;
-    std::vector<std::pair<std::string, std::function<void()>>> m_actions;
-    std::function<void(const std::string&)> m_listener;
     State m_state;
 };
 

@@ -4,17 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string>
-#include <vector>
+#include <regex>
 
 #include "alarmd/AlarmEngine.h"
 #include "alarmd/Constants.h"
-#include "alarmd/Log.h"
-#include "tests/recording/Platform.h"
+#include "fuzz/Device.h"
 
 namespace alarmd {
 
@@ -27,94 +23,58 @@ inline std::string in(Seconds seconds) {
 
 class Fixture : public testing::Test {
   protected:
-    Fixture() {
-        if (std::getenv("ALARMD_SANDBOX") == nullptr) {
-            std::fputs("This wipes /var/local/alarmd: run it with tools/sandbox.\n", stderr);
-            std::abort();
-        }
-        device.reset();
-        device.answer("identity devicetype", "TYPE1");
-        device.answer("identity dsn", "SERIAL1");
-        for (const char* folder : {"/var/local/alarmd", "/var/local/earcon"}) {
-            std::filesystem::remove_all(folder);
-            std::filesystem::create_directories(folder + std::string("/assets"));
-        }
-        g_orun42_log_mask = 0xFFFFFFFF;
-    }
-
-    static void writeFile(const std::string& path, const std::string& text = "") {
-        std::ofstream(path) << text;
-    }
-    static bool exists(const std::string& path) { return std::filesystem::exists(path); }
+    static void writeFile(const std::string& path) { std::ofstream(path) << "sound"; }
     static std::string asset(const std::string& name) { return ALARMD_ASSETS_PATH + name; }
-    static std::string earcon(const std::string& name) { return ALARMD_EARCON_PATH + name; }
-
-    static SqliteUtil::Row row(const std::string& id, const std::string& type,
-                               const std::string& time, const std::string& loopCount = "2") {
-        return {id, "client-" + id, type, time, "", "0", "", "-1", "", loopCount};
-    }
-    void seed(const std::vector<SqliteUtil::Row>& rows) {
-        const auto& columns = AlarmDB::k_alarmColumns;
-        device.seed(ALARMD_DB_FILE, "Notifications", {{columns.begin(), columns.end()}, rows});
-    }
     /// The ids stored in a table, joined by blanks.
     std::string stored(const std::string& table = "Notifications") {
         std::string ids;
-        for (const SqliteUtil::Row& row : device.rows(ALARMD_DB_FILE, table)) {
+        for (const SqliteUtil::Row& row : device.rows(table)) {
             ids += (ids.empty() ? "" : " ") + row[0];
         }
         return ids;
     }
-    bool logged(const std::string& lineStart) { return !device.calls("log " + lineStart).empty(); }
-
-    /// The calls in order, joined by ", ", without JSON documents and metric dimensions.
+    /// The calls in order, joined by ", ", without JSON documents, metric dimensions and what is
+    /// the same everywhere.
     std::string course(const std::string& call) {
+        static const std::regex common(
+            R"(metrics-collector alarmd |time-event |DeviceNotifications\.|com\.quintel\.\w+ |)"
+            R"(/var/local/[a-z/]+/|\{.*| \{.*| $)");
         std::string joined;
-        for (std::string text : device.calls(call)) {
-            text = text.substr(0, text.find(text.find(" {") < text.find('{') ? " {" : "{"));
-            for (const char* common : {"metrics-collector alarmd ", "time-event "}) {
-                text.erase(0, text.find(common) == 0 ? std::string(common).size() : 0);
-            }
-            joined += (joined.empty() ? "" : ", ") + text;
+        for (const std::string& text : device.calls(call)) {
+            joined += (joined.empty() ? "" : ", ") + std::regex_replace(text, common, "");
         }
         return joined;
     }
 
-    recording::Platform& device = recording::platform();
+    recording::Platform& device = fuzz::emptyDevice();
 };
 
 /// An engine with its real threads, and a test that plays bus and cloud. Notifications that are due
 /// ring at once, so nothing waits.
 class EngineFixture : public Fixture {
   protected:
-    EngineFixture() {
-        device.answer("com.orun42.system deviceHasTime", " true\n");
-        device.answer("com.quintel.audiod AlarmVolume", "7");
-        device.answer("com.quintel.corveld connectionState", "0");
-    }
+    EngineFixture() { device.answer("com.orun42.system deviceHasTime", " true\n"); }
     ~EngineFixture() override { stop(); }
 
-    AlarmEngine& start(const std::string& file = ALARMD_DB_FILE) {
-        stop();
-        m_engine = std::make_unique<AlarmEngine>(file);
-        m_isRunning = m_engine->init();
-        EXPECT_TRUE(m_isRunning);
+    AlarmEngine& start() {
+        m_engine = std::make_unique<AlarmEngine>(ALARMD_DB_FILE);
+        EXPECT_TRUE(m_engine->init());
         return *m_engine;
     }
     void stop() {
-        if (std::exchange(m_isRunning, false)) {
+        if (m_engine) {
             m_engine->terminate();
         }
         m_engine.reset();
     }
     void connect(bool online) {
-        device.emit("com.quintel.corveld connectionStateChanged", online ? "1" : "0");
+        device.send("com.quintel.corveld connectionStateChanged", online ? "1" : "0");
     }
-    void set(const std::string& id, const std::string& type, Seconds due,
+    void set(const std::string& id, const std::string& type, const std::string& time,
              const std::string& more = "") {
         device.deliver("SetNotification",
                        R"({"notificationId":")" + id + R"(","clientId":"c","notificationType":")"
-                           + type + R"(","notificationTime":")" + in(due) + "\"" + more + "}");
+                           + type + R"(","notificationTime":")" + time + "\"" + more + "}");
     }
     void tell(const std::string& directive, const std::string& id) {
         device.deliver(directive, R"({"clientId":"c","notificationId":")" + id
@@ -127,22 +87,17 @@ class EngineFixture : public Fixture {
         EXPECT_TRUE(device.waitFor("log E AlarmCorvel:onRequestMessage:json=" + body));
     }
     /// Sets one that is due and waits for the end of its ringing pass.
-    void ring(const std::string& id, const std::string& type, const std::string& more = "") {
+    void ring(const std::string& id, const std::string& type, const std::string& more = "",
+              Seconds due = -1) {
         const std::string last = "METRICS*NotificationStartedRinging.";
         const std::size_t before = device.calls(last).size();
-        set(id, type, -1, more);
+        set(id, type, in(due), more);
         ASSERT_TRUE(device.waitFor(last, before + 1));
         settle();
     }
-    void acknowledge() { EXPECT_EQ(device.write("Acknowledge", "now"), 0); }
-    void deregister() { device.emit(k_registration, "2"); }
+    void acknowledge() { EXPECT_EQ(device.send("Acknowledge", "now"), 0); }
 
-    const std::string k_play = "put com.quintel.earconPlayer setPlayList=";
-    const std::string k_send = "send DeviceNotifications.";
-    const std::string k_finished = "log I AlarmEngine:sendAnyRetainedEvents:reason=finished";
-    const std::string k_registration = "com.orun42.DeviceAuthenticationService registrationChanged";
     std::unique_ptr<AlarmEngine> m_engine;
-    bool m_isRunning = false;
     std::atomic<int> m_settled{0};
 };
 

@@ -5,98 +5,97 @@
 namespace alarmd {
 namespace {
 
-class RingingPass : public EngineFixture {};
-class Start : public EngineFixture {};
-class Retained : public EngineFixture {};
+class Engine : public EngineFixture {
+  protected:
+    static constexpr const char* k_far = "2030-01-01T00:00:00Z";
+    static constexpr const char* k_noticesSent =
+        "log I AlarmEngine:sendAnyRetainedEvents:reason=finished";
+};
 
-TEST_F(RingingPass, MakesItsCallsInOrder) {
-    const std::string here =
-        R"(,"assets":[null],"assetPlayOrder":["here"],"shortAlertAsset":"short","loopCount":)";
-    const std::string gone = R"(,"assets":[null],"assetPlayOrder":["gone"],"loopCount":)";
-    const std::string sound = asset("here");
+/// All calls of the threads that handle directives and callbacks and send notices, and of the timer
+/// thread those of a ring.
+TEST_F(Engine, MakesItsCallsInOrder) {
+    const std::string all = "time-event|insert|delete|metrics|put|publish|send|end-thinking";
+    const std::string ofRing =
+        "get com.quintel|put|publish Status|send *StartedEvent|metrics* @(NotificationRinging|"
+        "NotificationStartedL|ASC|NAM|REM)";
+    const std::string ascending = "com.quintel.settingsd com_brevan_corvel_ascendingAlarmVolume";
+    const std::string registered = "com.orun42.DeviceAuthenticationService isRegistered";
+    const std::string sounds =
+        R"(,"assets":[null],"shortAlertAsset":"short","loopCount":3,"assetPlayOrder":[")";
     struct {
-        const char* type;
-        std::string more;
-        const char* ascending;
-        std::string metric;
-        std::string playList;
-        const char* status;
-    } const cases[] = {
-        {"TIMER", "", "enabled", "", "", "TIMER"},
-        {"ALARM", "", "disabled", "", "", "ALARM"},
-        {"ALARM", "", "enabled", "ASCENDINGALARM=1, ", "", "ASCENDINGALARM"},
-        {"ALARM", here + "3", "enabled", "", sound + "," + sound + "," + sound, "REMINDER"},
-        {"ALARM", gone + "3", "enabled", "REMINDER.RingingDefaultTone=1, ", "", "ALARM"},
-        {"TIMER", here + "-1", "enabled", "", sound, "NAMEDALARMTIMER"},
-        {"TIMER", gone + "-1", "enabled", "NAMEDTIMER.RingingDefaultTone=1, ", "", "TIMER"},
-    };
-    const std::string state = "NotificationRingingDevice";
-    const std::string online = state + "Online=1, " + state + "Online.";
-    const std::string offline = state + "Offline=1, " + state + "Offline.";
-    const std::string late = "=1, NotificationStartedLate=0, NotificationStartedLate.";
-    start();
-    for (const auto& c : cases) {
-        const bool isOnline = *c.status != 'A';
-        device.answer("com.quintel.settingsd com_brevan_corvel_ascendingAlarmVolume", c.ascending);
-        connect(isOnline);
-        writeFile(sound);
-        device.forgetCalls();
-        ring("x", c.type, c.more);
-        EXPECT_EQ(course("get com.quintel|put|publish Status|send *StartedEvent|metrics* @("
-                         "NotificationRinging|NotificationStartedL|ASC|NAM|REM)"),
-                  "get com.quintel.settingsd com_brevan_corvel_ascendingAlarmVolume, " + c.metric
-                      + k_play + c.playList + ", publish Status=" + c.status
-                      + ", get com.quintel.audiod AlarmVolume, "
-                      + (isOnline ? k_send + "NotificationStartedEvent, " + online : offline)
-                      + c.type + late + c.type + "=0");
-        // The cloud sends reminders as alarms; the other daemons are told what they are.
-        const bool isReminder = *c.type == 'A' && !c.more.empty();
-        EXPECT_NE(device.published("AlertTimedEvent")
-                      .find("Type\":\"" + std::string(isReminder ? "REMINDER" : c.type)),
-                  std::string::npos);
-        if (!c.playList.empty()) {
-            EXPECT_EQ(
-                std::filesystem::read_symlink(ALARMD_REMINDER_SHORT_ALERT_EARCON_SYMLINK_FILE),
-                asset("short"));
-        }
-        acknowledge();
-        EXPECT_EQ(device.published("Status"), "None");
-    }
-}
-
-TEST_F(RingingPass, BeginsWhileTheStopNoticeOfTheOneBeforeHangs) {
-    device.answer("com.quintel.audiod AlarmVolume", "loud");
+        std::function<void()> act;
+        std::string watched;
+        std::string calls;
+    } const steps[] = {
+        {[&] { set("a", "ALARM", k_far); }, all,
+         "metricNotificationSetBegin, insert Notifications a, NotificationSetSuccess=1, "
+         "NotificationSetSuccess.ALARM=1, publish AlertTimedEvent=, send EditAcknowledged, "
+         "metricNotificationSetEnd"},
+        {[&] { device.fail("insert"), set("b", "REMINDER", k_far); }, all,
+         "metricNotificationSetBegin, insert Notifications b, NotificationSetFailed=1, "
+         "NotificationSetMetricFailure=1, publish AlertTimedEvent=, send EditAcknowledged, "
+         "metricNotificationSetEnd"},
+        {[&] { tell("DeleteNotification", "a"); }, all,
+         "metricNotificationStoppedBegin, delete Notifications ID=a, NotificationDeleteSuccess=1, "
+         "NotificationDeleteSuccess.ALARM=1, publish AlertTimedEvent=, send EditAcknowledged, "
+         "metricNotificationStoppedEnd"},
+        {[&] { device.fail("delete"), tell("DeleteNotification", "a"); }, "metrics|send",
+         "NotificationDeleteFailed=1, send EditAcknowledged"},
+        {[&] { ring("t", "TIMER"); }, ofRing,
+         "get com_brevan_corvel_ascendingAlarmVolume, put setPlayList=, publish Status=TIMER, "
+         "get AlarmVolume, send NotificationStartedEvent, NotificationRingingDeviceOnline=1, "
+         "NotificationRingingDeviceOnline.TIMER=1, NotificationStartedLate=0, "
+         "NotificationStartedLate.TIMER=0"},
+        {[&] { acknowledge(); }, all,
+         "delete Notifications ID=t, publish AlertTimedEvent=, send NotificationStoppedEvent, "
+         "publish Status=None"},
+        {[&] { ring("n", "ALARM", sounds + "here\"]"); }, "put|publish Status|metrics* REM",
+         "put setPlayList=here,here,here, publish Status=REMINDER"},
+        {[&] { tell("StopNotification", "n"); }, all,
+         "metricNotificationStoppedBegin, delete Notifications ID=n, NotificationDeleteSuccess=1, "
+         "NotificationDeleteSuccess.REMINDER=1, send NotificationStoppedEvent, "
+         "publish Status=None, end-thinking, metricNotificationStoppedEnd"},
+        {[&] { device.answer(ascending, "enabled"), connect(false), ring("a", "ALARM", "", -40); },
+         "put|publish Status|send *StartedEvent|metrics* @(ASC|NotificationStartedL)",
+         "ASCENDINGALARM=1, put setPlayList=, publish Status=ASCENDINGALARM, "
+         "NotificationStartedLate=1, NotificationStartedLate.ALARM=1"},
+        {[&] { device.fail("delete", 2), acknowledge(); }, "insert|delete|publish|send",
+         "delete Notifications ID=a, publish AlertTimedEvent=, insert RetainedEvents a, "
+         "delete Notifications ID=a, delete Notifications ID=a, publish Status=None"},
+        {[&] { connect(true), device.waitFor(k_noticesSent); }, "put|send *Stopped",
+         "send NotificationStoppedEvent"},
+        {[&] { stop(), device.forgetCalls(), device.answer(registered, "0"), start(); }, "delete",
+         "delete-all Notifications, delete-all RetainedEvents"}};
+    writeFile(asset("here"));
     start();
     connect(true);
-    ring("t", "TIMER");
-    set("r", "REMINDER", -40);
-    settle();
-    EXPECT_EQ(course("put"), k_play);
-    device.during(k_send + "NotificationStopped",
-                  [&] { EXPECT_TRUE(device.waitFor("publish Status=REMINDER")); });
-    acknowledge();
-    EXPECT_EQ(course("publish Status"),
-              "publish Status=TIMER, publish Status=None, publish Status=REMINDER");
-    EXPECT_TRUE(
-        device.waitFor("metrics*NotificationStartedLate=1{ActualTriggerTime=20*T*,"
-                       "DeviceState=ONLINE,MonotonicTime=20*T*,NotificationId=r,"
-                       "NotificationMetadataVersion=2.0,NotificationType=UNKNOWN,"
-                       "NotificationVolume=-1,ScheduledTriggerTime=20*T*,"
-                       "isAscending=disabled}"));
+    device.waitFor(k_noticesSent);
+    for (const auto& step : steps) {
+        device.forgetCalls();
+        step.act();
+        settle();
+        EXPECT_EQ(course(step.watched), step.calls);
+    }
+    EXPECT_EQ(std::filesystem::read_symlink(ALARMD_REMINDER_SHORT_ALERT_EARCON_SYMLINK_FILE),
+              asset("short"));
 }
 
-TEST_F(RingingPass, ComesAlsoWhenTheStoreCouldNotBeReadForAWhile) {
-    seed({row("a", "ALARM", in(-1)), row("t", "TIMER", in(3600))});
+TEST_F(Engine, RingsAlsoWhenTheStoreCouldNotBeReadForAWhile) {
+    start();
+    set("a", "ALARM", in(2));
+    settle();
+    stop();
     device.fail("select Notifications TYPE=ALARM", 2);
     start();
-    EXPECT_TRUE(device.waitFor(k_play));
+    EXPECT_TRUE(device.waitFor("put com.quintel.earconPlayer setPlayList="));
     EXPECT_EQ(device.calls("log E AlarmDB:readAlertFailed").size(), 2U);
 }
 
-TEST_F(Start, EndsAtTheFirstFailureWithOneLine) {
-    writeFile(earcon(ALARMD_DEFAULT_NOTICE_EARCON));
-    for (const char* call : {"open ", "endpoint", "property Status", "property inDND",
-                             "register Ack", "register List", "subscribe com.quintel.corveld"}) {
+TEST_F(Engine, StartsNotAfterAFailureAndSaysSoOnce) {
+    writeFile(std::string(ALARMD_EARCON_PATH) + ALARMD_DEFAULT_NOTICE_EARCON);
+    for (const char* call : {"open ", "endpoint", "publish Status", "publish inDND", "register Ack",
+                             "register List", "subscribe com.quintel.corveld"}) {
         device.forgetCalls();
         device.fail(call);
         AlarmEngine engine(ALARMD_DB_FILE);
@@ -106,58 +105,32 @@ TEST_F(Start, EndsAtTheFirstFailureWithOneLine) {
     }
 }
 
-TEST_F(Start, OfAnUnregisteredDeviceForgetsAll) {
-    for (const char* state : {"?", "0"}) {
-        seed({row("a", "ALARM", in(60))});
-        device.seed(ALARMD_DB_FILE, "RetainedEvents", {{"id", "client"}, {{"n", "c"}}});
-        device.answer("com.orun42.DeviceAuthenticationService isRegistered", state);
-        start();
-        EXPECT_EQ(stored() + stored("RetainedEvents"), *state == '0' ? "" : "an");
-    }
-}
-
-TEST_F(Retained, NoticeThatComesWhileSendingIsSentToo) {
+TEST_F(Engine, SendsAlsoTheNoticeThatComesWhileSendingAndNoStartWaits) {
+    const char* const pass = "log D AlarmEngine:timeThread::no event";
     AlarmEngine& engine = start();
+    EXPECT_TRUE(device.waitFor(pass));
     engine.retainEventForLater("a", "c", now());
-    for (const char* id : {"b", "a"}) {  // another one, and the same one once more
-        device.during("send *Stopped",
-                      [&engine, id] { engine.retainEventForLater(id, "c", now()); });
-    }
-    connect(true);
-    EXPECT_TRUE(device.waitFor(k_finished));
-    EXPECT_EQ(device.calls("send *Stopped").size(), 3U);
-    EXPECT_EQ(device.calls("send *Stopped*\"b\"").size(), 1U);
-    EXPECT_EQ(stored("RetainedEvents"), "");
-}
-
-TEST_F(Retained, EachStartRunsOnceAndNoneWaitsForASend) {
-    AlarmEngine& engine = start();
-    const std::string indicator = "send NotificationIndicator.stateChanged";
-    device.during(indicator, [&] {
-        for (int i = 0; i < 3; ++i) {
-            engine.startRetainedEventThread();  // would not return if it waited for this send
+    Texts late{"a", "b"};  // another one, and then the same one once more
+    std::size_t passes = 1;
+    device.listen([&](const std::string& call) {
+        if (call.find("send DeviceNotifications.NotificationStopped") == 0 && !late.empty()) {
+            engine.retainEventForLater(late.back(), "c", now());
+            late.pop_back();
+            // None of these waits for this send, and all passes together ask for one run.
+            for (int i = 0; i < 2; ++i) {
+                engine.resetTimerThread();
+                EXPECT_TRUE(device.waitFor(pass, ++passes));
+            }
+            engine.startRetainedEventThread();
         }
     });
     connect(true);
-    EXPECT_TRUE(device.waitFor(indicator, 4));
+    EXPECT_TRUE(device.waitFor("send NotificationIndicator.stateChanged", 4)) << "one for each run";
     stop();
-    EXPECT_EQ(device.calls(indicator).size(), 4U);
-}
-
-TEST_F(RingingPass, MetricsNameTypes) {
-    struct {
-        const char* text;
-        const char* type;
-        int count;
-        const char* name;
-    } const cases[] = {
-        {"", "TIMER", -1, "TIMER"},  {"[]", "ALARM", -1, "ALARM"},    {"/xy", "ALARM", -1, "TIMER"},
-        {"x", "ALARM", -1, "ALARM"}, {"x", "ALARM", 2, "REMINDER"},   {"", "ALARM", 2, "ALARM"},
-        {"x", "ALARM", 5, "ALARM"},  {"x", "REMINDER", 2, "UNKNOWN"}, {"", "", 0, "UNKNOWN"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(getNotificationType(c.text, c.type, c.count), c.name) << c.text << c.type;
-    }
+    EXPECT_EQ(device.calls("log D *startRetainedEventThread::joining").size(), 3U);
+    EXPECT_EQ(device.calls("send *Stopped*\"a\"").size(), 2U);
+    EXPECT_EQ(device.calls("send *Stopped*\"b\"").size(), 1U);
+    EXPECT_EQ(stored("RetainedEvents"), "");
 }
 
 }  // namespace
