@@ -17,52 +17,35 @@ std::string pathOf(std::string service) {
     return "/" + service;
 }
 
-std::string serviceOf(GDBusMessage* call) {
-    std::string path = g_dbus_message_get_path(call);
-    std::replace(path.begin(), path.end(), '/', '.');
-    return path.substr(1);
-}
-
-std::string textOrEmpty(const char* text) {
-    return text != nullptr ? text : "";
-}
-
 /// One argument of a message: a text, also one within a variant; "" for anything else.
 std::string argument(GVariant* body, gsize index) {
-    GVariant* value = g_variant_get_child_value(body, index);
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_VARIANT) != FALSE) {
-        GVariant* inner = g_variant_get_variant(value);
-        std::swap(value, inner);
-        g_variant_unref(inner);
+    if (g_variant_n_children(body) <= index) {
+        return "";
     }
+    g_autoptr(GVariant) child = g_variant_get_child_value(body, index);
+    const bool isVariant = g_variant_is_of_type(child, G_VARIANT_TYPE_VARIANT) != FALSE;
+    g_autoptr(GVariant) value = isVariant ? g_variant_get_variant(child) : g_variant_ref(child);
     const bool isText = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) != FALSE;
-    std::string text = isText ? g_variant_get_string(value, nullptr) : "";
-    g_variant_unref(value);
-    return text;
+    return isText ? g_variant_get_string(value, nullptr) : "";
 }
 
 }  // namespace
 
 void Peer::connect() {
-    const int flags = G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                      | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION;
-    m_bus = g_dbus_connection_new_for_address_sync(
-        PrivateBus::k_address, static_cast<GDBusConnectionFlags>(flags), nullptr, nullptr, nullptr);
+    const auto manners = m_manners;
+    const auto flags =
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                          | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    m_bus = g_dbus_connection_new_for_address_sync(PrivateBus::k_address, flags, nullptr, nullptr,
+                                                   nullptr);
     const auto filter = [](GDBusConnection* bus, GDBusMessage* message, gboolean incoming,
-                           gpointer self) -> GDBusMessage* {
-        if (incoming != FALSE && static_cast<Peer*>(self)->receive(bus, message)) {
-            g_object_unref(message);
-            return nullptr;
-        }
-        return message;
+                           gpointer self) {
+        return incoming != FALSE ? static_cast<Peer*>(self)->receive(bus, message) : message;
     };
     m_filter = g_dbus_connection_add_filter(
         m_bus, filter, this, [](gpointer self) { static_cast<Peer*>(self)->m_filter = 0; });
     call(k_bus, k_bus, "AddMatch",
          g_variant_new("(s)", "type='signal',interface='com.quintel.alarmd'"));
-    std::unique_lock<std::mutex> lock(m_mutex);
-    const auto manners = m_manners;
-    lock.unlock();
     for (const auto& [service, manner] : manners) {
         behave(service, manner);
     }
@@ -96,7 +79,6 @@ void Peer::behave(const std::string& service, Manner manner) {
     m_manners[service] = manner;
     for (GDBusMessage* held : std::exchange(m_held, {})) {
         answer(m_bus, held);
-        g_object_unref(held);
     }
 }
 
@@ -105,10 +87,9 @@ void Peer::provide(const std::string& property, const std::string& value) {
     m_values[property] = value;
 }
 
-void Peer::emit(const std::string& service, const char* event, GVariant* arguments,
-                const char* destination) {
-    g_dbus_connection_emit_signal(m_bus, destination, pathOf(service).c_str(), service.c_str(),
-                                  event, arguments, nullptr);
+void Peer::emit(const std::string& service, const char* event, GVariant* arguments) {
+    g_dbus_connection_emit_signal(m_bus, nullptr, pathOf(service).c_str(), service.c_str(), event,
+                                  arguments, nullptr);
 }
 
 std::string Peer::deliver(const std::string& name, const std::string& body, int id) {
@@ -118,10 +99,7 @@ std::string Peer::deliver(const std::string& name, const std::string& body, int 
 }
 
 std::string Peer::get(const std::string& property) {
-    std::string value;
-    const std::string error = call(k_alarmd, k_properties, "Get",
-                                   g_variant_new("(ss)", k_alarmd, property.c_str()), &value);
-    return error.empty() ? value : error;
+    return call(k_alarmd, k_properties, "Get", g_variant_new("(ss)", k_alarmd, property.c_str()));
 }
 
 std::string Peer::set(const std::string& property, const std::string& value) {
@@ -131,36 +109,31 @@ std::string Peer::set(const std::string& property, const std::string& value) {
 }
 
 std::string Peer::call(const std::string& service, const char* interface, const char* method,
-                       GVariant* arguments, std::string* result) {
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
+                       GVariant* arguments) {
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         m_bus, service.c_str(), pathOf(service).c_str(), interface, method, arguments, nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, &error);
     if (reply == nullptr) {
-        gchar* name = g_dbus_error_get_remote_error(error);
-        const std::string text = name != nullptr ? name : error->message;
-        g_free(name);
-        g_error_free(error);
-        return text;
+        g_autofree gchar* name = g_dbus_error_get_remote_error(error);
+        return name != nullptr ? name : error->message;
     }
-    if (result != nullptr) {
-        *result = argument(reply, 0);
-    }
-    g_variant_unref(reply);
-    return "";
+    return argument(reply, 0);
 }
 
-bool Peer::receive(GDBusConnection* bus, GDBusMessage* message) {
-    const std::string interface = textOrEmpty(g_dbus_message_get_interface(message));
-    const std::string member = textOrEmpty(g_dbus_message_get_member(message));
+GDBusMessage* Peer::receive(GDBusConnection* bus, GDBusMessage* message) {
+    const char* name = g_dbus_message_get_interface(message);
+    if (name == nullptr) {
+        return message;  // an answer
+    }
+    const std::string interface = name;
+    const std::string member = g_dbus_message_get_member(message);
     GVariant* body = g_dbus_message_get_body(message);
-    if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL
-        && interface == k_alarmd) {
+    if (interface == k_alarmd) {
         timeline.add(member, argument(body, 0));
     }
-    if (g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL
-        || (interface != k_properties && interface != k_messaging)) {
-        return false;
+    if (interface != k_properties && interface != k_messaging) {
+        return message;
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (member == "Set") {
@@ -173,27 +146,27 @@ bool Peer::receive(GDBusConnection* bus, GDBusMessage* message) {
             (nameSpace == "DeviceNotifications" ? "" : nameSpace + ".") + argument(body, 1),
             argument(body, 3), id);
     }
-    if (m_manners[serviceOf(message)] == Manner::Hang) {
-        m_held.push_back(G_DBUS_MESSAGE(g_object_ref(message)));
+    if (m_manners[g_dbus_message_get_destination(message)] == Manner::Hang) {
+        m_held.push_back(message);
     } else {
         answer(bus, message);
     }
-    return true;
+    return nullptr;
 }
 
 void Peer::answer(GDBusConnection* bus, GDBusMessage* call) {
-    const bool refused = m_manners[serviceOf(call)] == Manner::Refuse;
-    GDBusMessage* reply = refused ? g_dbus_message_new_method_error_literal(
-                              call, "org.freedesktop.DBus.Error.Failed", "refused")
-                                  : g_dbus_message_new_method_reply(call);
-    if (!refused && textOrEmpty(g_dbus_message_get_member(call)) == "Get") {
+    const bool refused = m_manners[g_dbus_message_get_destination(call)] == Manner::Refuse;
+    g_autoptr(GDBusMessage) reply = refused ? g_dbus_message_new_method_error_literal(
+                                        call, "org.freedesktop.DBus.Error.Failed", "refused")
+                                            : g_dbus_message_new_method_reply(call);
+    if (!refused && g_strcmp0(g_dbus_message_get_member(call), "Get") == 0) {
         const std::string& text = m_values[argument(g_dbus_message_get_body(call), 1)];
-        GVariant* value = g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, nullptr);
+        g_autoptr(GVariant) value =
+            g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, nullptr);
         g_dbus_message_set_body(reply, g_variant_new("(v)", value));
-        g_variant_unref(value);
     }
     g_dbus_connection_send_message(bus, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    g_object_unref(reply);
+    g_object_unref(call);
 }
 
 }  // namespace harness

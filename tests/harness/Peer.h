@@ -27,9 +27,8 @@ class Peer {
     void behave(const std::string& service, Manner manner);
     /// The value, as GVariant text, of a property of whichever service has it.
     void provide(const std::string& property, const std::string& value);
-    /// Broadcasts an event of a service, or sends it to one `destination`.
-    void emit(const std::string& service, const char* event, GVariant* arguments = nullptr,
-              const char* destination = nullptr);
+    /// Broadcasts an event of a service.
+    void emit(const std::string& service, const char* event, GVariant* arguments = nullptr);
 
     /// Sends the daemon a message (of the voice request "v1"), or reads or writes a property. The
     /// results are "" or the name of the error; a read gives the value, or the name of the error.
@@ -41,10 +40,12 @@ class Peer {
     Timeline timeline;
 
   private:
-    bool receive(GDBusConnection* bus, GDBusMessage* message);
+    /// Both keep the message, but receive() gives back what is not for us.
+    GDBusMessage* receive(GDBusConnection* bus, GDBusMessage* message);
     void answer(GDBusConnection* bus, GDBusMessage* call);
+    /// The name of the error, or the text that is the result, if it is one.
     std::string call(const std::string& service, const char* interface, const char* method,
-                     GVariant* arguments, std::string* result = nullptr);
+                     GVariant* arguments);
 
     GDBusConnection* m_bus = nullptr;
     guint m_filter = 0;

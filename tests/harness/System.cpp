@@ -1,38 +1,26 @@
 #include "tests/harness/System.h"
 
-#include <linux/magic.h>
-#include <signal.h>
+#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/statfs.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <iostream>
-#include <sstream>
 
 namespace harness {
 namespace fs = std::filesystem;
-namespace {
-
-/// These tests own /var/local and /run and empty them, so a real machine's must never be theirs.
-bool inSandbox() {
-    struct statfs root {};
-    std::error_code error;
-    return statfs("/var/local", &root) == 0 && root.f_type == TMPFS_MAGIC
-           && fs::read_symlink("/dev/log", error) == "/run/log.sock";
-}
-
-}  // namespace
 
 System::Folders::Folders() {
-    if (!inSandbox()) {
+    // A real machine's must never be theirs, whatever the environment says.
+    struct statx place {};
+    std::error_code ignored;
+    if (std::getenv("ALARMD_SANDBOX") == nullptr || statx(AT_FDCWD, "/var/local", 0, 0, &place) != 0
+        || (place.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0
+        || fs::read_symlink("/dev/log", ignored) != "/run/log.sock") {
         std::cerr << "These tests empty /var/local and /run: start them with tools/sandbox.\n";
         std::_Exit(1);
     }
-    std::error_code ignored;
     for (const char* folder : {"/var/local", "/run"}) {
         for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
             fs::remove_all(entry, ignored);
@@ -120,10 +108,16 @@ std::string binary() {
     return other != nullptr ? other : ALARMD_BINARY;
 }
 
+unsigned long fromEnvironment(const char* name, unsigned long otherwise) {
+    const char* text = std::getenv(name);
+    return text != nullptr ? std::strtoul(text, nullptr, 10) : otherwise;
+}
+
 std::string utc(std::time_t time) {
-    std::ostringstream text;
-    text << std::put_time(std::gmtime(&time), "%Y-%m-%dT%H:%M:%SZ");
-    return text.str();
+    char text[64];
+    std::tm fields{};
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &fields));
+    return text;
 }
 
 std::string setBody(const std::string& id, const std::string& type, std::time_t due,
@@ -139,23 +133,20 @@ void write(const std::string& path, const std::string& text) {
 
 Lines sql(const std::string& text) {
     sqlite3* file = nullptr;
-    char** cells = nullptr;
-    int rows = 0;
-    int columns = 0;
+    Lines rows;
+    const auto add = [](void* all, int columns, char** cells, char**) {
+        std::string& row = static_cast<Lines*>(all)->emplace_back();
+        for (int i = 0; i < columns; ++i) {
+            row += std::string(i == 0 ? "" : "|") + (cells[i] != nullptr ? cells[i] : "");
+        }
+        return 0;
+    };
     EXPECT_EQ(sqlite3_open((k_folder + "alarms.db").c_str(), &file), SQLITE_OK);
     sqlite3_busy_timeout(file, 5000);
-    EXPECT_EQ(sqlite3_get_table(file, text.c_str(), &cells, &rows, &columns, nullptr), SQLITE_OK)
+    EXPECT_EQ(sqlite3_exec(file, text.c_str(), add, &rows, nullptr), SQLITE_OK)
         << sqlite3_errmsg(file);
-    Lines lines(static_cast<std::size_t>(rows));
-    for (int i = 0; i < rows * columns; ++i) {
-        // The names of the columns come first.
-        const char* cell = cells[i + columns];
-        lines[static_cast<std::size_t>(i / columns)] +=
-            std::string(i % columns == 0 ? "" : "|") + (cell != nullptr ? cell : "");
-    }
-    sqlite3_free_table(cells);
     sqlite3_close(file);
-    return lines;
+    return rows;
 }
 
 }  // namespace harness

@@ -33,6 +33,11 @@ class System : public testing::Test {
     /// Has a notification of the client "c1" set, and waits until that is acknowledged.
     void set(const std::string& id, const std::string& type, std::time_t due,
              const std::string& more = "");
+    /// Both the bus and the peer can come back.
+    void loseBus() {
+        peer.disconnect();
+        bus.crash();
+    }
     /// Waits until a play list reaches the player and the status follows.
     Entry rings(const std::string& status);
     /// Stops what rings; returns when that is done.
@@ -54,6 +59,8 @@ class System : public testing::Test {
 };
 
 std::string binary();
+/// A number that the caller may choose, as the length of a long run or the seed of a random one.
+unsigned long fromEnvironment(const char* name, unsigned long otherwise);
 /// "2030-01-31T06:30:00Z"
 std::string utc(std::time_t time);
 std::string setBody(const std::string& id, const std::string& type, std::time_t due,

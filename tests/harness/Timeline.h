@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -42,19 +43,25 @@ class Timeline {
     /// When none comes an exception ends the test.
     Entry take(const std::string& name, const std::string& part = "") {
         std::unique_lock<std::mutex> lock(m_mutex);
-        const auto deadline = std::chrono::steady_clock::now() + k_deadline;
-        do {
-            for (auto entry = m_entries.begin(); entry != m_entries.end(); ++entry) {
-                if (entry->name == name && entry->text.find(part) != std::string::npos) {
-                    const Entry taken = *entry;
-                    m_entries.erase(entry);
-                    return taken;
-                }
-            }
-        } while (m_added.wait_until(lock, deadline) == std::cv_status::no_timeout);
+        auto found = m_entries.end();
+        const auto isThere = [&] {
+            found = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& entry) {
+                return entry.name == name && entry.text.find(part) != std::string::npos;
+            });
+            return found != m_entries.end();
+        };
+        if (m_added.wait_for(lock, k_deadline, isThere)) {
+            const Entry taken = *found;
+            m_entries.erase(found);
+            return taken;
+        }
         lock.unlock();
-        throw std::runtime_error("nothing came as '" + name + "' with '" + part + "', but "
-                                 + testing::PrintToString(find("")));
+        std::string others;
+        for (const std::string& line : find("")) {
+            others += "\n" + line;
+        }
+        throw std::runtime_error("nothing came as '" + name + "' with '" + part + "', but"
+                                 + others);
     }
 
     /// What was not taken and holds `part`, one line each: name, text and, unless it is 0, "#id".

@@ -11,28 +11,34 @@
 #include <iterator>
 
 #include "alarmd/platform/FileDownloader.h"
+#include "tests/harness/Timeline.h"
 
 extern std::atomic<int> g_syncs;
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 std::string answerTo(const std::string& path) {
-    const std::string moved = "302 Found\r\nConnection: close\r\nLocation: ";
-    const std::string ok = "200 OK\r\nConnection: close\r\n";
+    const std::string moved = "302 Found\r\nLocation: ";
+    const std::string whole = "200 OK\r\n\r\n";
+    const std::string hundred = "200 OK\r\nContent-Length: 100\r\n\r\nonly this";
     static const std::map<std::string, std::string> answers{
+        {"/missing", "404 Not Found\r\n\r\nabc"},
+        {"/huge", "200 OK\r\nContent-Length: 16777217\r\n\r\nx"},
+        {"/endless", whole + std::string((16 << 20) + 1, 'x')},
+        {"/toftp", moved + "ftp://127.0.0.1/\r\n\r\n"},
         {"/tofile", moved + "file:///etc/hostname\r\n\r\n"},
-        {"/missing", "404 Not Found\r\nConnection: close\r\n\r\nabc"},
-        {"/huge", ok + "Content-Length: 16777217\r\n\r\nx"},
-        {"/endless", ok + "\r\n" + std::string((16 << 20) + 1, 'x')},
-        {"/cut", ok + "Content-Length: 100\r\n\r\nonly this"},
-        {"/stall", ok + "Content-Length: 100\r\n\r\nonly this"}};
+        {"/circle", moved + "/circle\r\n\r\n"},
+        {"/more", "200 OK\r\nContent-Length: 4\r\n\r\nmore than that"},
+        {"/cut", hundred},
+        {"/stall", hundred}};
     if (path > "/0" && path <= "/9") {  // that many redirects
         return moved + "/" + std::to_string(std::stoi(path.substr(1)) - 1) + "\r\n\r\n";
     }
     const auto answer = answers.find(path);
-    return answer != answers.end() ? answer->second : ok + "\r\n" + std::string(100000, path[1]);
+    return answer != answers.end() ? answer->second : whole + std::string(100000, path[1]);
 }
 
 /// A server at a free port, and a folder that holds an old file where the downloads go.
@@ -44,7 +50,7 @@ class Download : public testing::Test {
         sockaddr_in address{};
         socklen_t size = sizeof(address);
         void* at = &address;
-        EXPECT_EQ(0, listen(m_socket, 64));
+        EXPECT_EQ(0, listen(m_socket, 200));
         EXPECT_EQ(0, getsockname(m_socket, static_cast<sockaddr*>(at), &size));
         m_url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
         m_server = std::async(std::launch::async, [this] { serve(); });
@@ -62,7 +68,7 @@ class Download : public testing::Test {
                 request += c;
             }
             const std::string path = request.substr(4, request.find(' ', 4) - 4);
-            const std::string answer = "HTTP/1.1 " + answerTo(path);
+            const std::string answer = "HTTP/1.0 " + answerTo(path);
             send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
             for (char c; path == "/stall" && read(fd, &c, 1) == 1;) {
             }
@@ -89,11 +95,14 @@ TEST_F(Download, FailsByEachRuleAndLeavesTheOldFile) {
     const std::tuple<std::string, std::string, int, const char*> cases[] = {
         {m_url + "/missing", m_path, CURLE_HTTP_RETURNED_ERROR, "404"},
         {m_url + "/6", m_path, CURLE_TOO_MANY_REDIRECTS, "redirects"},
+        {m_url + "/circle", m_path, CURLE_TOO_MANY_REDIRECTS, "redirects"},
         {m_url + "/tofile", m_path, CURLE_UNSUPPORTED_PROTOCOL, "file"},
+        {m_url + "/toftp", m_path, CURLE_UNSUPPORTED_PROTOCOL, "ftp"},
         {"file:///etc/hostname", m_path, CURLE_UNSUPPORTED_PROTOCOL, "file"},
         {m_url + "/endless", m_path, CURLE_FILESIZE_EXCEEDED, "16 MiB"},
         {m_url + "/huge", m_path, CURLE_FILESIZE_EXCEEDED, "exceeded"},
         {m_url + "/cut", m_path, CURLE_PARTIAL_FILE, "91 bytes"},
+        {m_url + "/stall", m_path, CURLE_OPERATION_TIMEDOUT, "too slow"},
         {m_url + "/a", m_folder + "/folder/../b", CURLE_WRITE_ERROR, "\"..\""},
         {m_url + "/a", m_folder + "/folder", CURLE_WRITE_ERROR, "regular"},
         {m_url + "/a", m_folder + "/link", CURLE_WRITE_ERROR, "regular"},
@@ -111,6 +120,8 @@ TEST_F(Download, FailsByEachRuleAndLeavesTheOldFile) {
 TEST_F(Download, AppearsWholeAndOnDiskAlsoWhenTwoWriteOnePath) {
     EXPECT_EQ(0, m_downloader.download(m_url + "/5", m_path).code());
     EXPECT_EQ(std::string(100000, '0'), contents());
+    EXPECT_EQ(0, m_downloader.download(m_url + "/more", m_path).code());
+    EXPECT_EQ("more", contents());
     for (int round = 0; round < 20; ++round) {
         const int before = g_syncs;
         auto other = std::async(std::launch::async,
@@ -123,18 +134,34 @@ TEST_F(Download, AppearsWholeAndOnDiskAlsoWhenTwoWriteOnePath) {
     }
 }
 
-TEST_F(Download, IsCancelledAtOnce) {
-    auto running = std::async(std::launch::async,
-                              [&] { return m_downloader.download(m_url + "/stall", m_path); });
-    const auto hasPart = [](const fs::path& file) { return fs::file_size(file) == 9; };
-    while (std::none_of(fs::directory_iterator(m_folder), {}, hasPart)) {
+TEST_F(Download, WaitsForItsTurnAndIsCancelledAtOnce) {
+    for (const int code : {int{CURLE_OK}, int{CURLE_ABORTED_BY_CALLBACK}}) {
+        otaup::FileDownloader stalled;
+        const auto start = [this](otaup::FileDownloader& downloader, const std::string& what) {
+            return std::async(std::launch::async, [this, &downloader, what] {
+                return downloader.download(m_url + what, m_path).code();
+            });
+        };
+        auto first = start(stalled, "/stall");  // keeps the server from all others
+        EXPECT_TRUE(harness::await([this] { return files() == 2; }));
+        std::vector<std::future<int>> others;
+        while (others.size() < 150) {
+            others.push_back(start(m_downloader, "/a"));
+        }
+        EXPECT_TRUE(harness::await([this] { return files() >= 130; }));
+        EXPECT_EQ(std::future_status::timeout, first.wait_for(100ms));
+        EXPECT_EQ(130, files()) << "the old one, the first, and 128 at once";
+        (code == CURLE_OK ? stalled : m_downloader).cancel();
+        for (auto& other : others) {
+            EXPECT_EQ(std::future_status::ready,
+                      other.wait_for(code == CURLE_OK ? harness::k_deadline : 500ms));
+            EXPECT_EQ(code, other.get());
+        }
+        stalled.cancel();
+        EXPECT_EQ(CURLE_ABORTED_BY_CALLBACK, first.get());
     }
-    m_downloader.cancel();
-    ASSERT_EQ(std::future_status::ready, running.wait_for(std::chrono::milliseconds(500)));
-    for (const auto& result : {running.get(), m_downloader.download(m_url + "/a", m_path)}) {
-        EXPECT_EQ("The download was cancelled", result.errorString());
-    }
-    EXPECT_EQ("old", contents());
+    const auto result = m_downloader.download(m_url + "/a", m_path);
+    EXPECT_EQ("The download was cancelled", result.errorString());
     EXPECT_EQ(1, files());
 }
 

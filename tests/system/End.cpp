@@ -1,9 +1,8 @@
 /// The end by SIGTERM or SIGINT, whatever the daemon is doing.
-#include <netinet/in.h>
-
 #include <filesystem>
 #include <random>
 
+#include "tests/harness/Server.h"
 #include "tests/harness/System.h"
 
 namespace harness {
@@ -16,16 +15,9 @@ using std::chrono::steady_clock;
 /// From the first instruction of a life to after its last one, while it rings, handles a flood of
 /// directives and fetches sounds from a server that says nothing.
 TEST_F(System, EndsInGoodOrderAtAnyMoment) {
-    const int server = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    ASSERT_EQ(bind(server, generic, size), 0);
-    ASSERT_EQ(listen(server, 1000), 0);
-    ASSERT_EQ(getsockname(server, generic, &size), 0);
-    const std::string sound = R"(,"assets":[{"assetId":"s","url":"http://127.0.0.1:)"
-                              + std::to_string(ntohs(address.sin_port))
-                              + R"(/"}],"assetPlayOrder":["s"],"loopCount":1)";
+    const Server server;
+    const std::string sound =
+        R"(,"assets":[)" + server.asset("s") + R"(],"assetPlayOrder":["s"],"loopCount":1)";
     const auto begin = steady_clock::now();
     start();
     const auto life = std::chrono::duration_cast<microseconds>(steady_clock::now() - begin);
@@ -49,7 +41,8 @@ TEST_F(System, EndsInGoodOrderAtAnyMoment) {
         std::this_thread::sleep_for(microseconds(
             std::uniform_int_distribution<microseconds::rep>(0, most.count())(random)));
     };
-    for (int round = 0; round < 40; ++round) {
+    const auto enough = steady_clock::now() + seconds(10);
+    for (int round = 0; round < 100 && steady_clock::now() < enough; ++round) {
         const int signal = round % 2 == 0 ? SIGTERM : SIGINT;
         Process process({binary(), "-f"});
         pause(3 * life);
@@ -59,13 +52,13 @@ TEST_F(System, EndsInGoodOrderAtAnyMoment) {
         const auto asked = steady_clock::now();
         const int status = process.end(SIGTERM + SIGINT - signal);
         EXPECT_LT(steady_clock::now() - asked, seconds(10));
-        EXPECT_TRUE(status == 0 || (status == -signal && !isCaught))
+        // While a thread is being made both may be kept back, and then either is the first.
+        EXPECT_TRUE(status == 0 || ((status == -SIGTERM || status == -SIGINT) && !isCaught))
             << status << " after " << signal << (isCaught ? ", caught" : "");
         EXPECT_TRUE(status != 0 || !std::filesystem::exists("/run/alarmd.pid"));
     }
     floods = false;
     flood.join();
-    close(server);
 
     // A message under way is given its time, and what is stored is still there.
     start();

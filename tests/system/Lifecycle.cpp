@@ -6,31 +6,30 @@
 namespace harness {
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr const char* k_pidFile = "/run/alarmd.pid";
+
 TEST_F(System, HelpsAndRefuses) {
     const std::string usage = binary()
                               + " [options]\n\nOptions:\n"
                                 "-f  --foreground   Run in the foreground\n"
                                 "-d  --debug        Produce debug logs\n"
                                 "-h  --help         print this message\n\n";
-    for (const Lines& arguments : {Lines{"-h"}, Lines{"--help"}, Lines{"--nonsense"},
-                                   Lines{"-f", "-d", "operand"}, Lines{"-c"}}) {
-        Lines command{binary()};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        Process process(command);
-        EXPECT_EQ(process.read(), usage) << arguments.back();
-        EXPECT_EQ(process.end(0), 1) << arguments.back();
+    for (const char* last : {"-h", "--help", "--nonsense", "operand", "-c"}) {
+        Process process({binary(), "-f", "-d", last});
+        EXPECT_EQ(process.read(), usage) << last;
+        EXPECT_EQ(process.end(0), 1) << last;
     }
-    EXPECT_FALSE(std::filesystem::exists("/run/alarmd.pid"));
+    EXPECT_FALSE(fs::exists(k_pidFile));
 }
 
 TEST_F(System, StartsOnce) {
     start({"--foreground", "-c", "ignored"});
     EXPECT_EQ(Process({binary(), "-f"}).end(0), 1);
-    for (int copy = 0; copy < 2; ++copy) {
-        const std::string counted =
-            metrics.timeline.take("", "\"name\":\"NotificationDemonCrash\",\"value\":1").text;
-        EXPECT_NE(counted.find("\"deviceId\":\"G0000000\""), std::string::npos) << counted;
-        EXPECT_NE(counted.find("\"deviceType\":\"SPEAKER\""), std::string::npos) << counted;
+    const Entry counted = metrics.timeline.take("", R"("name":"NotificationDemonCrash","value":1)");
+    for (const char* identity : {R"("deviceId":"G0000000")", R"("deviceType":"SPEAKER")"}) {
+        EXPECT_NE(counted.text.find(identity), std::string::npos) << counted.text;
     }
     settle();
     stop(SIGINT);
@@ -44,21 +43,32 @@ TEST_F(System, RunsInTheBackground) {
     daemon.reset();
     settle();
     pid_t pid = 0;
-    std::ifstream("/run/alarmd.pid") >> pid;
+    std::ifstream(k_pidFile) >> pid;
     ASSERT_GT(pid, 0);
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"), "/");
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(pid) + "/cwd"), "/");
     awaitHandlers(pid);
-    EXPECT_EQ(kill(pid, SIGTERM), 0);
+    kill(pid, SIGTERM);
     EXPECT_EQ(waitFor(pid), 0);
-    EXPECT_FALSE(std::filesystem::exists("/run/alarmd.pid"));
+    EXPECT_FALSE(fs::exists(k_pidFile));
     EXPECT_EQ(log.timeline.find(": D "), Lines{});
 }
 
-TEST_F(System, EndsQuietlyWithoutABus) {
+TEST_F(System, EndsWithoutAStoreOrABus) {
+    const std::string path = k_folder + "alarms.db";
+    const std::string text = "a1 c1 2030-01-01T00:00:00Z ALARM\n";
+    write(path, text);
+    EXPECT_EQ(Process({binary(), "-f"}).end(0), 1);
+    log.timeline.take("", "C AlarmDB:ConstructorFailed:reason=unableToOpenExistingDB,fileName="
+                              + path + ",sqlCode=26:");
+    log.timeline.take("", "reason=uncaughtException,exc=Could not open existing DB:");
+    std::string left;
+    std::getline(std::ifstream(path), left, '\0');
+    EXPECT_EQ(left, text);
+    fs::remove(path);
     bus.crash();
     EXPECT_EQ(Process({binary(), "-f"}).end(0), 0);
     log.timeline.take("", "E AlarmEngine:init:reason=OipcOpenFailed,status=");
-    EXPECT_FALSE(std::filesystem::exists("/run/alarmd.pid"));
+    EXPECT_FALSE(fs::exists(k_pidFile));
 }
 
 }  // namespace
