@@ -333,6 +333,10 @@ void AlarmEngine::endTimerThread() {
         m_running = false;
         resetTimerThread();
         m_timerThread->join();
+    }
+    if (m_silenceThread.joinable()) {  // also where the timer thread could not be started
+        m_running = false;
+        resetTimerThread();
         m_silenceThread.join();
     }
 }
