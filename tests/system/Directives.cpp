@@ -74,6 +74,11 @@ TEST_F(System, TellsTheCloudOfWhatRings) {
         const int isSet = way[0] == 'S' ? 1 : 0;
         EXPECT_EQ(peer.timeline.takeAll(), Lines(ended.begin() + isSet, ended.end() - 1 + isSet));
     }
+    // The notice of a stop is its answer.
+    set("a1", "ALARM", std::time(nullptr) - 5);
+    rings("ALARM");
+    EXPECT_EQ(peer.deliver("StopNotification", body, 5), "");
+    EXPECT_EQ(peer.timeline.take("NotificationStoppedEvent").id, 5);
 }
 
 TEST_F(System, RemembersDoNotDisturb) {
