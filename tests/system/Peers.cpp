@@ -50,6 +50,7 @@ TEST_F(System, HangingAssistantHoldsUpNoRingAndNoSilence) {
     EXPECT_LT(rings("TIMER").at, system_clock::from_time_t(due) + seconds(1));
     // Now its start notice hangs, and the timer thread with it; the stop's own notice will as well.
     for (const bool isAcknowledged : {true, false}) {
+        peer.timeline.takeAll();
         const auto asked = system_clock::now();
         const auto stopped = std::async(std::launch::async, [&] {
             return isAcknowledged
