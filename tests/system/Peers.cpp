@@ -49,21 +49,10 @@ TEST_F(System, HangingAssistantHoldsUpNoRingAndNoSilence) {
     ASSERT_EQ(peer.deliver("SetNotification", setBody("t1", "TIMER", due)), "");
     EXPECT_LT(rings("TIMER").at, system_clock::from_time_t(due) + seconds(1));
     // Now its start notice hangs, and the timer thread with it; the stop's own notice will as well.
-    for (const bool isAcknowledged : {true, false}) {
-        peer.timeline.takeAll();
-        const auto asked = system_clock::now();
-        const auto stopped = std::async(std::launch::async, [&] {
-            return isAcknowledged
-                       ? peer.set("Acknowledge", "x")
-                       : peer.deliver("DeleteNotification", R"({"notificationId":"t1"})");
-        });
-        EXPECT_LT(peer.timeline.take("StatusChanged", "None").at, asked + seconds(5));
-        peer.behave("com.quintel.corveld", Manner::Answer);
-        settle();
-        peer.behave("com.quintel.corveld", Manner::Hang);
-        peer.deliver("SetNotification", setBody("t1", "TIMER", due));
-        rings("TIMER");
-    }
+    const auto asked = system_clock::now();
+    const auto stopped =
+        std::async(std::launch::async, [&] { return peer.set("Acknowledge", "x"); });
+    EXPECT_LT(peer.timeline.take("StatusChanged", "None").at, asked + seconds(5));
     peer.behave("com.quintel.corveld", Manner::Answer);
 }
 
