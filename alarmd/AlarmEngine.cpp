@@ -328,15 +328,16 @@ void AlarmEngine::releaseEndpoint() {
 }
 
 void AlarmEngine::endTimerThread() {
-    if (m_timerThread && m_timerThread->joinable()) {
+    const bool runs = m_timerThread && m_timerThread->joinable();
+    if (runs) {
         LOGD("AlarmEngine:terminate::ending timer thread");
-        m_running = false;
-        resetTimerThread();
+    }
+    m_running = false;
+    resetTimerThread();
+    if (runs) {
         m_timerThread->join();
     }
-    if (m_silenceThread.joinable()) {  // also where the timer thread could not be started
-        m_running = false;
-        resetTimerThread();
+    if (m_silenceThread.joinable()) {
         m_silenceThread.join();
     }
 }

@@ -56,9 +56,9 @@ class AlarmEngine {
     /// made until then goes with the engine. Main thread, once.
     [[nodiscard]] bool init();
 
-    /// Releases the endpoint and joins the worker, the timer and the stop-notice thread. While the
-    /// device's clock is unknown it waits for that first. Throws std::logic_error on a
-    /// second call and after an init that failed. Main thread.
+    /// Releases the endpoint and joins the worker, the timer, the silence and the stop-notice
+    /// thread. While the device's clock is unknown it waits for that first. Throws std::logic_error
+    /// on a second call and after an init that failed. Main thread.
     void terminate();
 
     /// The endpoint, or an empty pointer before init and after terminate. Any thread.
