@@ -100,7 +100,8 @@ class Races : public EngineFixture {
                 k_send + "Notification" + (isInOrder ? "St@(arted|opped)*" : "Stopped*") + quoted);
             const bool isTold = !told.empty() && told.back().find("Stopped") != std::string::npos;
             ASSERT_EQ(isTold, rung != 0 || !device.calls("insert Ret* " + id).empty()) << whatIs();
-            ASSERT_TRUE(rung < 2 || !isInOrder) << whatIs();
+            // "m" is of the type of "v", whose set has it ring again where it rings already.
+            ASSERT_TRUE(rung < (id == "m" ? 3 : 2) || !isInOrder) << whatIs();
         } else if (isStored(id) && isInOrder) {
             ASSERT_EQ(device.calls(begun + "|" + answer).back().find(k_send), 0U) << whatIs();
         }
